@@ -1,0 +1,5 @@
+find_package(PkgConfig REQUIRED)
+find_package(Boost 1.74 REQUIRED)
+pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3)
+pkg_check_modules(TIRPC REQUIRED IMPORTED_TARGET libtirpc)
+find_program(RPCGEN rpcgen REQUIRED)
