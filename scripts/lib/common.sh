@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2034
 # Shared by the scripts: headings, failure, and the packages that building and running need.
 # To be sourced by bash.
 
