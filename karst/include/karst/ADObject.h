@@ -28,16 +28,19 @@ private:
 };
 
 /// A directory object: attributes by name, without regard to letter case. Pseudo-attributes begin
-/// with "_": "_dn" (distinguished name) and "_server" (the directory server that answered). The GUID
-/// is the attribute "objectGUID" (16 raw bytes). A value type; not for concurrent changes.
+/// with "_": "_dn" (distinguished name) and "_server" (the directory server that answered). The
+/// GUID is the attribute "objectGUID" (16 raw bytes). A value type; not for concurrent changes.
 class ADObject {
 public:
     /// The returned view is valid until the object changes.
     ADAttribute operator[](std::string_view name) const;
     /// Whether the object has the attribute; with `nonEmpty` also that its value is not empty.
     bool attributeExists(std::string_view name, bool nonEmpty) const;
+    /// Sets an attribute, replacing what it held. Without values the object no longer has it.
     void set(std::string_view name, std::string value);
     void set(std::string_view name, std::vector<std::string> values);
+    /// Makes room for that many attributes, for those who build many objects.
+    void reserve(std::size_t attributes);
     /// The 16 raw GUID bytes, empty when the object carries none.
     std::string guid() const { return (*this)["objectGUID"].asString(); }
 

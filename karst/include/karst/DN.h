@@ -5,7 +5,8 @@
 
 namespace tessa {
 
-/// Distinguished names as text (RFC 4514). Pure functions.
+/// Distinguished names as text (RFC 4514; blanks around components are allowed). Pure functions.
+/// A text that is no distinguished name has no domain, parent or first value: they are empty.
 class DN {
 public:
     /// Whether the text is a distinguished name with at least one component ("CN=a,DC=b").
@@ -18,7 +19,8 @@ public:
     /// Value of the first component with its escapes resolved.
     static std::string firstValue(std::string_view dn);
     /// Form to compare by: components trimmed, attribute types and values lower-cased, escapes in
-    /// one spelling. Two names of one object are equal in this form.
+    /// one spelling. Two names of one object are equal in this form. A text that is no name is only
+    /// trimmed and lower-cased.
     static std::string normalize(std::string_view dn);
     /// Escapes a value for use in a name.
     static std::string escape(std::string_view value);

@@ -19,6 +19,9 @@ public:
     /// @throws ConnectError
     void connect(std::chrono::milliseconds limit);
     bool connected() const { return m_socket >= 0; }
+    /// Whether a call would be lost: not connected, or the other side has closed the connection
+    /// since the last call. Does not block.
+    bool broken() const;
     void close();
 
     /// Sends a request and waits for its answer until the limit has passed. After any failure the

@@ -27,8 +27,8 @@ public:
 struct ServerOptions {
     std::string socketPath;
     unsigned socketMode = 0600;
-    unsigned maxConnections = 64;       ///< further ones are closed at once
-    unsigned requestSeconds = 30;       ///< from a request's first byte to its last, and for sending
+    unsigned maxConnections = 64; ///< further ones are closed at once
+    unsigned requestSeconds = 30; ///< from a request's first byte to its last, and for sending
     /// Decides whether a peer may talk; a refused one is closed at once.
     std::function<bool(const Peer&)> allow;
     /// Makes the conversation of an accepted connection.
