@@ -3,11 +3,11 @@
 #include "common/MapEntry.h"
 
 #include <karst/DBStore.h>
+#include <karst/Exceptions.h>
 #include <karst/Int64.h>
 
+#include <atomic>
 #include <cstdint>
-#include <ctime>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -16,15 +16,17 @@ namespace nis {
 /// On-disk copy of one map of one directory server: entries in layers, and the meta-data that say
 /// what the map is and how fresh. The file format is described in docs/formats.md.
 ///
-/// The store's mutex is the cache's lock; every operation is safe by itself. Failures of the store
-/// are BadCacheFile, whose argument is the file name.
+/// The store's mutex is the cache's lock; every operation is safe by itself, and the getters take
+/// no lock. Failures of the store are BadCacheFile, whose argument is the file name; what the store
+/// said is logged at warning level.
 class NisCache {
 public:
     static constexpr unsigned char META_LAYER = 255;
     static constexpr const char* MAP_SUFFIX = ".map";
     static constexpr std::uint32_t FORMAT_VERSION = 1;
 
-    /// Makes a new, empty cache under the first free name.
+    /// Makes a new, empty cache under the first free name. Names that cannot be part of a file name
+    /// are refused.
     NisCache(const std::string& domain, const std::string& mapName, const std::string& server,
              const std::string& zoneHierarchy, const std::string& targetZones,
              const std::string& mapDN);
@@ -61,10 +63,10 @@ public:
     const std::string& getZoneHierarchy() const { return m_zoneHierarchy; }
     const std::string& getTargetZone() const { return m_targetZones; }
     const std::string& getMapDN() const { return m_mapDN; }
-    long getLastCurrentTime() const;
-    long getLastUpdateTime() const;
-    std::uint64_t getOrder() const;
-    tessa::Int64 getHighUSN() const;
+    long getLastCurrentTime() const { return m_lastCurrentTime; }
+    long getLastUpdateTime() const { return m_lastUpdateTime; }
+    std::uint64_t getOrder() const { return m_order; }
+    tessa::Int64 getHighUSN() const { return m_highUSN.load(); }
 
     /// The file goes away with the object.
     void deleteOnClose();
@@ -73,8 +75,8 @@ public:
     tessa::Mutex& mutex() const { return m_store.mutex(); }
 
     /// The writes of one update pass as one transaction; see tessa::DBStore::Batch. When it cannot
-    /// be made durable the fields go back to what the store holds, but the order, which moves on, so
-    /// that no snapshot of the lost state is ever taken for the present one.
+    /// be made durable the fields go back to what the store holds, but the order, which moves on,
+    /// so that no snapshot of the lost state is ever taken for the present one.
     class Batch {
     public:
         explicit Batch(NisCache& cache);
@@ -91,24 +93,43 @@ public:
     };
 
 private:
+    // Callers of these hold the cache lock.
     void incOrder();
+    void storeOrder();
+    void recover();
+    template <typename Write> void writeWithOrder(const char* operation, const Write& write);
+
     void putDB(std::string_view key, std::string_view value);
     tessa::DBItem getDB(std::string_view key) const;
+    void put(std::string_view metaKey, const std::string& text) { putDB(metaKey, text); }
+    void put(std::string_view metaKey, const tessa::Int64& number);
+    void put(std::string_view metaKey, long number);
+    void get(std::string_view metaKey, std::string& text) const;
+    void get(std::string_view metaKey, std::atomic<tessa::Int64>& number) const;
+    void get(std::string_view metaKey, std::atomic<long>& number) const;
+
+    void checkNames() const;
+    void checkVersion() const;
+    void openStore(tessa::DBMode mode);
+    void readMetaData();
+    MapEntry walk(tessa::DBStore::Record record, unsigned char layer) const;
+    [[noreturn]] void fail(const char* operation, const tessa::DBException& cause) const;
 
     std::string m_filename;
     mutable tessa::DBStore m_store;
-    // Further members and helpers belong to the implementation.
-    bool m_deleteOnClose = false;
+    int m_batchDepth = 0;     ///< cache batches that are open, one in the other
+    bool m_orderOwed = false; ///< the stored order is behind the one in memory
+    std::atomic<bool> m_deleteOnClose{false};
     std::string m_domain;
     std::string m_mapName;
     std::string m_server;
     std::string m_zoneHierarchy;
     std::string m_targetZones;
     std::string m_mapDN;
-    long m_lastCurrentTime = 0;
-    long m_lastUpdateTime = 0;
-    std::uint64_t m_order = 0;
-    tessa::Int64 m_highUSN;
+    std::atomic<long> m_lastCurrentTime{0};
+    std::atomic<long> m_lastUpdateTime{0};
+    std::atomic<std::uint64_t> m_order{0};
+    std::atomic<tessa::Int64> m_highUSN{};
 };
 
 } // namespace nis

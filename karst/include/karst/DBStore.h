@@ -5,9 +5,11 @@
 #include <boost/shared_ptr.hpp>
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tessa {
 
@@ -19,6 +21,7 @@ struct DBThing {
     DBThing() = default;
     DBThing(const void* bytes, std::size_t size) : data(bytes), length(size) {}
     DBThing(std::string_view text) : data(text.data()), length(text.size()) {} // NOLINT: implicit
+    DBThing(const std::string& text) : DBThing(std::string_view(text)) {}      // NOLINT
     std::string_view view() const { return {static_cast<const char*>(data), length}; }
 };
 
@@ -50,6 +53,12 @@ enum DBMode : int {
     DB_CREATE = 2, ///< a new, empty store; an existing file is refused
 };
 
+/// How far the end of a batch takes its writes.
+enum class DBSync {
+    TO_DISK,   ///< forced to the disk: a loss of power finds the state before or after the batch
+    TO_KERNEL, ///< as a write outside a batch: the process may be killed at any moment
+};
+
 class DBIterator;
 
 /// What all stores share: the mutex and the process-wide list of open stores.
@@ -74,7 +83,9 @@ private:
 ///
 /// A fetch never returns damaged data: each value carries a checksum over key and value; a mismatch
 /// is a DBException. A process that dies at any moment leaves the store as it was before or after a
-/// batch. All operations are thread-safe and throw DBException, which names the file.
+/// batch; so does a loss of power during a batch, and one soon after a write outside a batch leaves
+/// at worst a file that checkStructure() refuses. A store belongs to one process at a time. All
+/// operations are thread-safe and throw DBException, which names the file.
 class DBStore : public DBStoreInterface {
 public:
     DBStore();
@@ -82,6 +93,8 @@ public:
     DBStore(const DBStore&) = delete;
     DBStore& operator=(const DBStore&) = delete;
 
+    /// @param name taken relative to the present working directory, whatever that becomes later.
+    /// A symbolic link is refused, and so is a file that is not a store of this format.
     /// @param permissions mode of a new file
     void open(const std::string& name, DBMode mode, unsigned permissions);
     bool isOpen() const;
@@ -109,31 +122,38 @@ public:
 
     /// Walks every record once, checking each.
     std::unique_ptr<DBIterator> getIterator() const;
-    /// Asks the database library whether the file's structure is sound.
+    /// Reads the whole file: its structure is sound, every record has its checksum, and the records
+    /// are together exactly those of the last committed write, none lost and none twice.
     /// @throws DBException saying what is damaged
     void checkStructure() const;
 
     void close() override;
-    /// Closes and deletes the file and what belongs to it.
+    /// Closes and deletes the file and what belongs to it. Works on a closed store, too.
     void destroy();
 
-    /// Writes between construction and commit() (or destruction) become one transaction, synced to
-    /// disk. Readers of this process see each write at once. Nested batches join the outer one.
+    /// Writes between construction and commit() (or destruction) become one transaction. Readers of
+    /// this process see each write at once. Nested batches join the outer one, which alone decides
+    /// how far the writes are taken. When the store had to give the writes up (disk full, read
+    /// error), every further write of the batch fails, until its end.
     class Batch {
     public:
-        explicit Batch(DBStore& store);
+        explicit Batch(DBStore& store, DBSync sync = DBSync::TO_DISK);
         /// Commits if commit() was not called; a failure is then logged at warning level.
         ~Batch();
         Batch(const Batch&) = delete;
         Batch& operator=(const Batch&) = delete;
         /// @throws DBException when the writes could not be made durable; the store then is as it
-        /// was before the batch (see rolledBack()).
+        /// was before the batch (see rollbackCount()).
         void commit();
 
     private:
         DBStore& m_store;
+        unsigned long m_opening = 0; ///< which open() of the store the batch belongs to
         bool m_done = false;
     };
+    /// Has `hook` called just before an outermost batch is committed, also when closing the store
+    /// commits it. It may add writes; the mutex is held. An exception from it gives the batch up.
+    void beforeCommit(std::function<void()> hook);
     /// How often the store went back to an earlier state by itself (a failed batch: disk full, read
     /// error). Whoever mirrors stored values in memory reads them again when the number moves.
     unsigned long rollbackCount() const;
@@ -145,7 +165,8 @@ private:
     std::unique_ptr<Impl> m_impl;
 };
 
-/// Cursor over all records of a store in key order. One thread at a time; the store must outlive it.
+/// Cursor over all records of a store in key order, which reads some records ahead. One thread at a
+/// time; the store must outlive it.
 class DBIterator {
 public:
     explicit DBIterator(const DBStore& store);
@@ -155,11 +176,13 @@ public:
     const std::string& key() const { return m_record.key; }
 
 private:
-    void advance();
+    void readAhead();
     const DBStore& m_store;
     DBStore::Record m_record;
-    DBStore::Record m_ahead;
+    std::vector<DBStore::Record> m_ahead;
+    std::size_t m_next = 0; ///< index into m_ahead
     bool m_started = false;
+    bool m_ended = false;
 };
 
 } // namespace tessa
