@@ -109,3 +109,25 @@ def write_atomically(path, content):
     with open(temporary, "wb") as file:
         file.write(content)
     os.rename(temporary, path)
+
+
+def load(path):
+    """Reads an LDIF file as {dn: [(attribute, value as bytes), ...]}."""
+    with open(path, "rb") as file:
+        text = file.read().replace(b"\r\n", b"\n").replace(b"\n ", b"")
+    objects = {}
+    for block in text.split(b"\n\n"):
+        pairs = [_pair(line) for line in block.splitlines() if line and not line.startswith(b"#")]
+        pairs = [pair for pair in pairs if pair[0] != "version"]
+        if pairs:
+            if pairs[0][0] != "dn":
+                raise ValueError("record without dn: %r" % block)
+            objects[pairs[0][1].decode()] = pairs[1:]
+    return objects
+
+
+def _pair(line):
+    name, _, value = line.partition(b":")
+    if value.startswith(b":"):
+        return name.decode(), base64.b64decode(value[1:].strip())
+    return name.decode(), value.strip()
