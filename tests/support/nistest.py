@@ -27,6 +27,7 @@ CACHE_FOLDER = "/var/velmorix/nis"
 PID_FILE = "/var/run/orrisd.pid"
 LDIF_FILE = "/run/directory.ldif"
 LOG_FOLDER = "/run/logs"
+SIGTERM = signal.SIGTERM
 SLOW = float(os.environ.get("ORRISD_TEST_SLOW", "1"))
 SANITIZER_REPORT = re.compile(
     rb"ERROR: (Address|Leak)Sanitizer|WARNING: ThreadSanitizer|SUMMARY: .*Sanitizer|runtime error:")
@@ -113,7 +114,7 @@ class Daemon:
         """@return the exit status"""
         return self.process.wait(seconds * SLOW)
 
-    def stop(self, number=signal.SIGTERM, seconds=60.0):
+    def stop(self, number=SIGTERM, seconds=60.0):
         if self.running():
             self.signal(number)
         try:
@@ -310,6 +311,10 @@ class NisTest(unittest.TestCase):
         """Makes this system a NIS client of its own server."""
         with open("/etc/yp.conf", "w") as file:
             file.write("ypserver 127.0.0.1\n")
+        with open("/etc/hosts", "w") as file:
+            file.write("127.0.0.1 localhost\n")
+        for path in ("/etc/passwd", "/etc/group"):
+            keep_system_accounts(path)
         with open("/etc/nsswitch.conf", "w") as file:
             for database in ("passwd", "group", "hosts", "networks", "protocols", "services",
                              "ethers", "rpc", "netgroup", "aliases"):
@@ -318,6 +323,14 @@ class NisTest(unittest.TestCase):
         os.makedirs("/var/yp/binding", exist_ok=True)
         self.ypbind = self.start("ypbind", ["/usr/sbin/ypbind", "-foreground", "-verbose"])
         wait_for(lambda: run("ypwhich").returncode == 0, "ypbind to find the server")
+
+
+def keep_system_accounts(path):
+    """Takes people and their groups out of a private copy of /etc, so that only NIS knows any."""
+    with open(path) as file:
+        lines = [line for line in file if int(line.split(":")[2]) < 500]
+    with open(path, "w") as file:
+        file.writelines(lines)
 
 
 def as_key(value):
