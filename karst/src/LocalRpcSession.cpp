@@ -38,7 +38,7 @@ bool PagedObjects::next(ADObject& object) {
         }
         q_request request = requestFor(Q_SEARCH_NEXT);
         request.q_request_u.next_cursor = m_page.cursor;
-        auto answer = m_link->continueCall(m_generation, request, PAGE_LIMIT);
+        auto answer = m_link->continueCall(m_generation, request);
         const q_page page = answer->result().next_page;
         take(std::move(answer), page);
     }
@@ -54,7 +54,7 @@ public:
     boost::shared_ptr<ADObjectList> search(const q_search& search) const {
         q_request request = requestFor(Q_SEARCH);
         request.q_request_u.search = search;
-        auto first = link->call(request, PAGE_LIMIT);
+        auto first = link->call(request, SessionLink::Patience::Page);
         return boost::make_shared<PagedObjects>(link, std::move(first));
     }
 
@@ -108,6 +108,10 @@ LocalRpcSession::LocalRpcSession(const std::string& socketPath, bool connectNow,
 
 LocalRpcSession::~LocalRpcSession() = default;
 
+void LocalRpcSession::setDeadlines(std::chrono::milliseconds call, std::chrono::milliseconds page) {
+    m_impl->link->setDeadlines(call, page);
+}
+
 ADObject LocalRpcSession::ldapFetch(const std::string& domain, const std::string& dn,
                                     const std::vector<std::string>& attributes,
                                     bool allAttributes) {
@@ -120,7 +124,7 @@ ADObject LocalRpcSession::ldapFetch(const std::string& domain, const std::string
     fetch.all_attributes = allAttributes || attributes.empty() ? TRUE : FALSE;
     q_request request = requestFor(Q_FETCH);
     request.q_request_u.fetch = fetch;
-    return messages::fromMessage(m_impl->link->call(request, CALL_LIMIT)->result().object);
+    return messages::fromMessage(m_impl->link->call(request)->result().object);
 }
 
 boost::shared_ptr<ADObjectList>
@@ -153,13 +157,13 @@ boost::shared_ptr<ADObjectList> LocalRpcSession::ldapPagedSearch(
 std::string LocalRpcSession::getSystemInfo(int code) {
     q_request request = requestFor(Q_SYSTEM_INFO);
     request.q_request_u.info_code = code;
-    return messages::text(m_impl->link->call(request, CALL_LIMIT)->result().info);
+    return messages::text(m_impl->link->call(request)->result().info);
 }
 
 std::string LocalRpcSession::loadSetting(const std::string& name) {
     q_request request = requestFor(Q_SETTING);
     request.q_request_u.setting = bytes(name);
-    return messages::text(m_impl->link->call(request, CALL_LIMIT)->result().setting);
+    return messages::text(m_impl->link->call(request)->result().setting);
 }
 
 void LocalRpcSession::startListUser() {
@@ -170,7 +174,7 @@ UserRecord LocalRpcSession::getUser2(const std::string& name, unsigned flags) {
     if (name != NEXT_ENTRY) {
         q_request request = requestFor(Q_USER);
         request.q_request_u.user_name = bytes(name);
-        return messages::fromMessage(m_impl->link->call(request, CALL_LIMIT)->result().user);
+        return messages::fromMessage(m_impl->link->call(request)->result().user);
     }
     const q_user* user = m_impl->users.next(flags);
     if (user == nullptr) {
@@ -194,7 +198,7 @@ GroupRecord LocalRpcSession::getGroup2(const std::string& name, unsigned flags) 
     }
     q_request request = requestFor(Q_GROUP);
     request.q_request_u.group_name = bytes(name);
-    return messages::fromMessage(m_impl->link->call(request, CALL_LIMIT)->result().group);
+    return messages::fromMessage(m_impl->link->call(request)->result().group);
 }
 
 void LocalRpcSession::endListGroup() {

@@ -54,6 +54,11 @@ q_request requestFor(q_operation operation) {
 SessionLink::SessionLink(const std::string& socketPath, bool reconnect)
     : m_client(socketPath), m_path(socketPath), m_reconnect(reconnect) {}
 
+void SessionLink::setDeadlines(std::chrono::milliseconds call, std::chrono::milliseconds page) {
+    m_callLimit = call;
+    m_pageLimit = page;
+}
+
 void SessionLink::ensureConnected() {
     if (!m_client.broken()) {
         return;
@@ -80,7 +85,7 @@ void SessionLink::ensureConnected() {
 void SessionLink::hello() {
     q_request request = requestFor(Q_HELLO);
     request.q_request_u.protocol = QUORAD_PROTOCOL_VERSION;
-    const std::unique_ptr<Answer> answer = exchange(request, CALL_LIMIT);
+    const std::unique_ptr<Answer> answer = exchange(request, Patience::Call);
     if (answer->result().protocol != QUORAD_PROTOCOL_VERSION) {
         TESSA_THROW(IPCException, "the directory client daemon speaks version " +
                                       std::to_string(answer->result().protocol) +
@@ -89,22 +94,20 @@ void SessionLink::hello() {
     }
 }
 
-std::unique_ptr<Answer> SessionLink::call(const q_request& request,
-                                          std::chrono::milliseconds limit) {
+std::unique_ptr<Answer> SessionLink::call(const q_request& request, Patience patience) {
     ensureConnected();
     sendDeferred();
-    return exchange(request, limit);
+    return exchange(request, patience);
 }
 
 std::unique_ptr<Answer> SessionLink::continueCall(unsigned long generation,
-                                                  const q_request& request,
-                                                  std::chrono::milliseconds limit) {
+                                                  const q_request& request) {
     if (generation != m_generation || m_client.broken()) {
         TESSA_THROW(IPCException,
                     "search or enumeration lost with the connection to '" + m_path + "'");
     }
     sendDeferred();
-    return exchange(request, limit);
+    return exchange(request, Patience::Page);
 }
 
 void SessionLink::sendLater(unsigned long generation, const q_request& request) {
@@ -118,7 +121,7 @@ void SessionLink::sendDeferred() {
         const q_request request = m_deferred.back();
         m_deferred.pop_back();
         try {
-            exchange(request, CALL_LIMIT);
+            exchange(request, Patience::Call);
         } catch (const TESSAException&) {
             if (!m_client.connected()) {
                 throw;
@@ -128,11 +131,11 @@ void SessionLink::sendDeferred() {
     }
 }
 
-std::unique_ptr<Answer> SessionLink::exchange(const q_request& request,
-                                              std::chrono::milliseconds limit) {
+std::unique_ptr<Answer> SessionLink::exchange(const q_request& request, Patience patience) {
     auto answer = std::make_unique<Answer>();
     try {
-        answer->frame = m_client.call(messages::encode(request), limit);
+        answer->frame = m_client.call(messages::encode(request),
+                                      patience == Patience::Page ? m_pageLimit : m_callLimit);
     } catch (const twine::ConnectError& error) {
         TESSA_THROW(IOException, error.what());
     } catch (const twine::FrameError& error) {

@@ -38,17 +38,20 @@ public:
     /// @param reconnect connect again after a broken connection
     SessionLink(const std::string& socketPath, bool reconnect);
 
+    void setDeadlines(std::chrono::milliseconds call, std::chrono::milliseconds page);
     void ensureConnected();
     unsigned long generation() const { return m_generation; }
+
+    /// What a call may take.
+    enum class Patience { Call, Page };
 
     /// One call, connecting first when needed. Returns only answers of status Q_OK to this
     /// operation.
     /// @throws as LocalRpcSession
-    std::unique_ptr<Answer> call(const q_request& request, std::chrono::milliseconds limit);
-    /// The same for a call that only makes sense on the connection of that generation.
+    std::unique_ptr<Answer> call(const q_request& request, Patience patience = Patience::Call);
+    /// The same for the next page of something that was begun on the connection of that generation.
     /// @throws IPCException also when that connection is gone
-    std::unique_ptr<Answer> continueCall(unsigned long generation, const q_request& request,
-                                         std::chrono::milliseconds limit);
+    std::unique_ptr<Answer> continueCall(unsigned long generation, const q_request& request);
     /// Sends the request before the next call if that goes over the same connection; otherwise it
     /// has no meaning any more. For ending what nobody wants to continue.
     void sendLater(unsigned long generation, const q_request& request);
@@ -56,11 +59,13 @@ public:
 private:
     void hello();
     void sendDeferred();
-    std::unique_ptr<Answer> exchange(const q_request& request, std::chrono::milliseconds limit);
+    std::unique_ptr<Answer> exchange(const q_request& request, Patience patience);
 
     twine::Client m_client;
     const std::string m_path;
     const bool m_reconnect;
+    std::chrono::milliseconds m_callLimit = CALL_LIMIT;
+    std::chrono::milliseconds m_pageLimit = PAGE_LIMIT;
     unsigned long m_generation = 0;    // 0: never connected
     std::vector<q_request> m_deferred; // without byte strings, so nothing to keep alive
 };

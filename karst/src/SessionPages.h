@@ -107,7 +107,7 @@ private:
         if (m_state == State::Wanted) {
             q_request request = requestFor(Pages::START);
             Pages::setFlags(request, flags);
-            m_link->call(request, PAGE_LIMIT);
+            m_link->call(request, SessionLink::Patience::Page);
             m_generation = m_link->generation();
             m_state = State::Open;
         }
@@ -116,7 +116,7 @@ private:
                 return nullptr;
             }
             m_answer.reset();
-            m_answer = m_link->continueCall(m_generation, requestFor(Pages::NEXT), PAGE_LIMIT);
+            m_answer = m_link->continueCall(m_generation, requestFor(Pages::NEXT));
             m_at = 0;
             if (Pages::page(*m_answer).more == FALSE) {
                 m_state = State::Ended; // the daemon has closed it; what is at hand remains

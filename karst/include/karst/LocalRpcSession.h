@@ -29,9 +29,9 @@ inline constexpr unsigned GROUP_MEMBERSHIP = 0x2; ///< deliver the member names 
 inline constexpr const char* NEXT_ENTRY = "@#";
 
 /// Names of client settings for loadSetting.
-inline constexpr const char* SETTING_ZONE_NAME = "zonename";  ///< DN of the machine's zone
-inline constexpr const char* SETTING_HOST_NAME = "hostname";  ///< name of the joined computer
-inline constexpr const char* SETTING_ZONE_GUID = "zoneguid";  ///< GUID text of the zone object
+inline constexpr const char* SETTING_ZONE_NAME = "zonename"; ///< DN of the machine's zone
+inline constexpr const char* SETTING_HOST_NAME = "hostname"; ///< name of the joined computer
+inline constexpr const char* SETTING_ZONE_GUID = "zoneguid"; ///< GUID text of the zone object
 /// Attribute of a zone object that holds its NIS domain name.
 inline constexpr const char* TESSA_ZONE_SFU = "_nisdomain";
 
@@ -47,7 +47,7 @@ struct UserRecord {
     std::string passwordHash; ///< "x" when it is not readable
     std::uint32_t accountControl = 0;
     bool enabled = true;
-    std::int64_t passwordTime = 0;   ///< P: compared with passwordExpiry; the controller's now
+    std::int64_t passwordTime = 0;    ///< P: compared with passwordExpiry; the controller's now
     std::int64_t passwordExpiry = -1; ///< E: -1 never, 0 must be changed
     std::int64_t accountExpires = 0;  ///< -1, 0 and the largest value: never
 };
@@ -91,6 +91,10 @@ public:
     LocalRpcSession(const LocalRpcSession&) = delete;
     LocalRpcSession& operator=(const LocalRpcSession&) = delete;
 
+    /// How long a call may take: one question (30 s unless set), and a page of a search or an
+    /// enumeration (120 s).
+    void setDeadlines(std::chrono::milliseconds call, std::chrono::milliseconds page);
+
     /// One object by its DN ("" is the root object, "<GUID=...>" finds by GUID).
     /// @param domain DNS domain (or server name) whose directory is asked
     /// @param attributes names to deliver; empty: all
@@ -106,13 +110,14 @@ public:
                                                const std::vector<std::string>& attributes,
                                                int scope, int sizeLimit, bool allAttributes);
     /// The same, following the directory's paging to the end.
-    boost::shared_ptr<ADObjectList>
-    ldapPagedSearch(const std::string& domain, const std::string& filter, const std::string& base,
-                    const std::vector<std::string>& attributes, int scope, int sizeLimit,
-                    bool allAttributes);
+    boost::shared_ptr<ADObjectList> ldapPagedSearch(const std::string& domain,
+                                                    const std::string& filter,
+                                                    const std::string& base,
+                                                    const std::vector<std::string>& attributes,
+                                                    int scope, int sizeLimit, bool allAttributes);
 
-    /// Code 64: the zone hierarchy, one zone DN a line, the machine's own zone first. Empty when the
-    /// daemon knows of none.
+    /// Code 64: the zone hierarchy, one zone DN a line, the machine's own zone first. Empty when
+    /// the daemon knows of none.
     std::string getSystemInfo(int code);
     /// A client setting by its name (SETTING_*).
     std::string loadSetting(const std::string& name);
