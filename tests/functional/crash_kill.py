@@ -30,11 +30,14 @@ class Kill(nistest.NisTest):
         self.orrisd.wait_log(r"Ready\.")
         nistest.wait_for(lambda: yp_port("udp") and yp_port("tcp"), "the registration")
 
+    @staticmethod
+    def seeded():
+        seed = int(os.environ.get("ORRISD_TEST_SEED", random.randrange(1 << 30)))
+        print("ORRISD_TEST_SEED=%d" % seed)
+        return random.Random(seed)
+
     def test_kill_at_random_moments(self):
-        source = random.Random()
-        seed = source.randrange(1 << 30)
-        source.seed(seed)
-        print("seed %d" % seed)
+        source = self.seeded()
         self.dns = list(self.directory.fill("plain", self.versions(0)).values())
         self.user = self.directory.user("nina", 2001, gecos="Version 0")
         self.start_system()
@@ -44,7 +47,7 @@ class Kill(nistest.NisTest):
             self.write_version(number)
             possible.add(number)
             self.wait_noticed()
-            self.orrisd.signal(random.choice((signal.SIGUSR2, signal.SIGUSR1)))
+            self.orrisd.signal(source.choice((signal.SIGUSR2, signal.SIGUSR1)))
             # A moment somewhere in the update, which takes between milliseconds and seconds.
             time.sleep(source.random() ** 2 * 2.0)
             self.orrisd.kill()
@@ -70,6 +73,7 @@ class Kill(nistest.NisTest):
         self.wait_map("plain", self.versions(KILLS + 1))
 
     def test_kill_during_the_first_load(self):
+        source = self.seeded()
         self.dns = list(self.directory.fill("plain", self.versions(0)).values())
         self.directory.save()
         self.write_config()
@@ -79,7 +83,7 @@ class Kill(nistest.NisTest):
                     nistest.CACHE_FOLDER) else []:
                 os.remove(os.path.join(nistest.CACHE_FOLDER, name))
             self.start_again()
-            time.sleep(random.random() * 0.8)
+            time.sleep(source.random() * 0.8)
             self.orrisd.kill()
             self.daemons.remove(self.orrisd)
             self.start_again()

@@ -84,7 +84,7 @@ class BadDirectory(nistest.NisTest):
     def test_odd_but_valid_data(self):
         zone = self.directory.ZONE
         entries = {"ünïcode": "wärt", "tab\tkey": "a\tb", " lead": " space ", "colon:key": "a:b",
-                   "long": "z" * 1024, "key": "", "\x01\x02": "\x7f", "new\nline": "a\nb"}
+                   "long": "z" * 1024, "valueless": "", "\x01\x02": "\x7f", "new\nline": "a\nb"}
         self.directory.fill("odd", entries)
         map_dn = "CN=odd,CN=nismaps," + zone
         self.directory.add("CN=nokey," + map_dn, [("objectClass", "container")])
