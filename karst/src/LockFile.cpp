@@ -1,6 +1,7 @@
 #include "karst/LockFile.h"
 
 #include <cerrno>
+#include <string>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -8,27 +9,33 @@
 
 namespace tessa {
 
+namespace {
+
+bool writeProcessId(int descriptor) {
+    const std::string text = std::to_string(::getpid());
+    if (::ftruncate(descriptor, 0) != 0) {
+        return false;
+    }
+    const ssize_t written = ::pwrite(descriptor, text.data(), text.size(), 0);
+    if (written >= 0 && written != static_cast<ssize_t>(text.size())) {
+        errno = ENOSPC;
+        return false;
+    }
+    return written >= 0;
+}
+
+} // namespace
+
 LockResult VmxLock(const std::string& path) {
     const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (descriptor < 0) {
         return {-1, -1};
     }
-    // flock belongs to the open file, so it survives the fork that detaches a daemon.
+    // A lock of flock belongs to the open file and so survives the fork that detaches a daemon.
     if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
-        const int problem = errno;
-        if (problem == EWOULDBLOCK) {
-            ::close(descriptor);
-            return {descriptor, 0};
-        }
-        return {descriptor, -problem};
+        return {descriptor, errno == EWOULDBLOCK ? 0 : -1};
     }
-    const std::string pid = std::to_string(::getpid());
-    if (::ftruncate(descriptor, 0) != 0 ||
-        ::pwrite(descriptor, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
-        const int problem = errno;
-        return {descriptor, problem == 0 ? -EIO : -problem};
-    }
-    return {descriptor, 1};
+    return {descriptor, writeProcessId(descriptor) ? 1 : -1};
 }
 
 void VmxUnlock(int descriptor) {

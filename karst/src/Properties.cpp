@@ -3,12 +3,15 @@
 #include "karst/Logger.h"
 #include "karst/Text.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
-#include <fstream>
-#include <limits>
 #include <optional>
-#include <sstream>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace tessa {
 
@@ -18,8 +21,39 @@ constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 constexpr std::string_view LIST_SEPARATORS = ", \t\r\n";
 
 const boost::shared_ptr<Logger>& karstLog() {
-    static const boost::shared_ptr<Logger> log = Logger::get("karst");
+    // Never destroyed: configuration may be read while the process ends.
+    static const auto& log = *new boost::shared_ptr<Logger>(Logger::get("karst"));
     return log;
+}
+
+/// Reads a whole regular file. Empty on success, else what is wrong.
+std::string readFile(const std::string& path, std::string& text) {
+    // Without O_NONBLOCK a pipe in the place of the file would hang the daemon.
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (descriptor < 0) {
+        return errorText(errno);
+    }
+    std::string problem;
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0) {
+        problem = errorText(errno);
+    } else if (!S_ISREG(status.st_mode)) {
+        problem = "not a regular file";
+    }
+    std::array<char, 16384> block{};
+    while (problem.empty()) {
+        const ssize_t got = ::read(descriptor, block.data(), block.size());
+        if (got == 0) {
+            break;
+        }
+        if (got > 0) {
+            text.append(block.data(), static_cast<std::size_t>(got));
+        } else if (errno != EINTR) {
+            problem = errorText(errno);
+        }
+    }
+    ::close(descriptor);
+    return problem;
 }
 
 /// Seconds in one unit of a time value, 0 for a letter that is no unit.
@@ -55,18 +89,14 @@ std::optional<long> parseTime(std::string_view text) {
 } // namespace
 
 bool Properties::load(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    errno = 0;
-    if (!file || !(text << file.rdbuf())) {
-        // An empty file gives no characters and so "fails"; that is no error.
-        if (!file.is_open() || (file.peek(), !file.eof())) {
-            KARST_LOG(karstLog(), LOG_WARN, "Cannot read configuration file '%s': %s", path.c_str(),
-                      errorText(errno).c_str());
-            return false;
-        }
+    std::string text;
+    const std::string problem = readFile(path, text);
+    if (!problem.empty()) {
+        KARST_LOG(karstLog(), LOG_WARN, "Cannot read configuration file '%s': %s", path.c_str(),
+                  problem.c_str());
+        return false;
     }
-    parse(text.str(), path);
+    parse(text, path);
     return true;
 }
 
@@ -112,7 +142,7 @@ std::string Properties::get(std::string_view key, const std::string& fallback) c
 }
 
 bool Properties::getBool(std::string_view key, bool fallback) const {
-    const std::string value = lower(get(key));
+    const std::string value = lower(trimWhiteSpace(get(key)));
     if (value == "true" || value == "yes" || value == "1") {
         return true;
     }
@@ -123,11 +153,11 @@ bool Properties::getBool(std::string_view key, bool fallback) const {
 }
 
 long Properties::getTime(std::string_view key, long fallback) const {
-    const std::string value = get(key);
-    if (value.empty()) {
+    if (!exists(key)) {
         return fallback;
     }
-    const std::optional<long> seconds = parseTime(value);
+    const std::string value = get(key);
+    const std::optional<long> seconds = parseTime(trimWhiteSpace(value));
     if (!seconds) {
         KARST_LOG(karstLog(), LOG_WARN, "%s: '%s' is not a time, using %ld seconds",
                   std::string(key).c_str(), printable(value).c_str(), fallback);

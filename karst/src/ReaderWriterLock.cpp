@@ -19,81 +19,101 @@ bool ReaderWriterLock::isReader(std::thread::id id) const {
     return std::find(m_readers.begin(), m_readers.end(), id) != m_readers.end();
 }
 
-bool ReaderWriterLock::mayRead() const {
-    return m_writerDepth == 0 && !m_writersFirst;
-}
-
 void ReaderWriterLock::incrReaderCount() {
     m_readers.push_back(std::this_thread::get_id());
 }
 
-void ReaderWriterLock::decrReaderCount() {
+/// Removes the first entry of the calling thread. False when it has none.
+bool ReaderWriterLock::decrReaderCount() {
     const auto mine = std::find(m_readers.begin(), m_readers.end(), std::this_thread::get_id());
-    if (mine != m_readers.end()) {
-        m_readers.erase(mine);
+    if (mine == m_readers.end()) {
+        return false;
+    }
+    m_readers.erase(mine);
+    return true;
+}
+
+/// Lets in all readers that wait, as one batch: those that come later may have to wait again.
+void ReaderWriterLock::admitReaders() {
+    m_writersFirst = false;
+    if (m_waitingReaders > 0) {
+        m_admittedReaders += m_waitingReaders;
+        m_waitingReaders = 0;
+        ++m_batch;
+        m_readersGo.notify_all();
     }
 }
 
 void ReaderWriterLock::lockRead() {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (!mayRead()) {
+    if (m_writerDepth > 0 || m_writersFirst) {
         const auto self = std::this_thread::get_id();
         // Whoever is inside already must not wait for a writer that waits for it.
-        if (m_writer != self && !isReader(self)) {
-            m_changed.wait(lock, [this] { return mayRead(); });
+        if (!isWriter(self) && !isReader(self)) {
+            const unsigned long batch = m_batch;
+            ++m_waitingReaders;
+            m_readersGo.wait(lock, [&] { return m_batch != batch; });
+            --m_admittedReaders;
         }
     }
     incrReaderCount();
 }
 
 void ReaderWriterLock::unlockRead() {
-    bool wake = false;
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        decrReaderCount();
-        wake = m_readers.empty() && m_waitingWriters > 0;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (!decrReaderCount()) {
+        throw std::logic_error("the thread does not hold the read side");
     }
-    if (wake) {
-        m_changed.notify_all();
+    if (m_writerAtDoor && m_readers.empty() && m_admittedReaders == 0) {
+        m_writersFirst = true; // nobody slips in before the writer is awake
+        m_writersGo.notify_all();
     }
+}
+
+/// The writer whose turn it is waits until it is alone.
+void ReaderWriterLock::waitForReaders(std::unique_lock<std::mutex>& lock) {
+    const auto alone = [this] { return m_readers.empty() && m_admittedReaders == 0; };
+    m_writerAtDoor = true;
+    while (!alone()) {
+        m_writersFirst = true;
+        if (m_writersGo.wait_for(lock, WRITERS_TURN, alone)) {
+            break;
+        }
+        admitReaders();
+        m_writersGo.wait_for(lock, READERS_TURN, alone);
+    }
+    m_writerAtDoor = false;
+    m_writersFirst = false;
 }
 
 void ReaderWriterLock::lockWrite() {
     const auto self = std::this_thread::get_id();
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_writer == self && m_writerDepth > 0) {
+    if (isWriter(self)) {
         ++m_writerDepth;
         return;
     }
     if (isReader(self)) {
-        throw std::logic_error("a reader cannot become the writer");
+        throw std::logic_error("a thread that holds the read side cannot take the write side");
     }
-    const auto free = [this] { return m_writerDepth == 0 && m_readers.empty(); };
-    ++m_waitingWriters;
-    while (!free()) {
-        m_writersFirst = true;
-        if (m_changed.wait_for(lock, WRITERS_TURN, free)) {
-            break;
-        }
-        m_writersFirst = false;
-        m_changed.notify_all();
-        m_changed.wait_for(lock, READERS_TURN, free);
-    }
-    --m_waitingWriters;
-    m_writersFirst = false;
+    const unsigned long ticket = m_nextTicket++;
+    m_writersGo.wait(lock, [&] { return m_served == ticket; });
+    waitForReaders(lock);
     m_writer = self;
     m_writerDepth = 1;
 }
 
 void ReaderWriterLock::unlockWrite() {
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        if (--m_writerDepth > 0) {
-            return;
-        }
-        m_writer = std::thread::id();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (!isWriter(std::this_thread::get_id())) {
+        throw std::logic_error("the thread does not hold the write side");
     }
-    m_changed.notify_all();
+    if (--m_writerDepth == 0) {
+        m_writer = std::thread::id();
+        ++m_served;
+        admitReaders();
+        m_writersGo.notify_all();
+    }
 }
 
 bool ReaderWriterLock::holdsReaderLock() const {
@@ -103,7 +123,7 @@ bool ReaderWriterLock::holdsReaderLock() const {
 
 bool ReaderWriterLock::holdsWriterLock() const {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_writerDepth > 0 && m_writer == std::this_thread::get_id();
+    return isWriter(std::this_thread::get_id());
 }
 
 int ReaderWriterLock::readerCount() const {

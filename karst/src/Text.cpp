@@ -89,7 +89,8 @@ bool equalsIgnoreCase(std::string_view a, std::string_view b) {
 
 std::string itoa(long long value, int base) {
     std::array<char, 72> digits{};
-    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value, base).ptr;
+    const int radix = base >= 2 && base <= 36 ? base : 10;
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value, radix).ptr;
     return {digits.data(), end};
 }
 

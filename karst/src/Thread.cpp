@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <stdexcept>
 #include <system_error>
 
 #include <pthread.h>
@@ -19,9 +20,25 @@ constexpr std::size_t SYSTEM_NAME_LENGTH = 15;
 
 std::atomic<bool> threadsActive{true};
 
+bool isMainThread() {
+    return ::gettid() == ::getpid();
+}
+
+/// Set when the calling thread's name is gone: objects with static storage, which outlive what is
+/// local to the main thread, log too when they are destroyed.
+thread_local bool nameGone = false;
+
+struct ThreadName {
+    std::string text = isMainThread() ? "main" : "thread-" + std::to_string(::gettid());
+    ThreadName() = default;
+    ~ThreadName() { nameGone = true; }
+    ThreadName(const ThreadName&) = delete;
+    ThreadName& operator=(const ThreadName&) = delete;
+};
+
 std::string& ownName() {
-    thread_local std::string name = "main";
-    return name;
+    thread_local ThreadName name;
+    return name.text;
 }
 
 /// Blocks the signals that belong to the main thread while a thread is made, which inherits the
@@ -50,7 +67,18 @@ Thread::~Thread() {
     join();
 }
 
+Thread& Thread::operator=(Thread&& other) noexcept {
+    if (this != &other) {
+        join();
+        m_thread = std::move(other.m_thread);
+    }
+    return *this;
+}
+
 void Thread::start(const std::string& name, std::function<void()> body) {
+    if (m_thread.joinable()) {
+        throw std::logic_error("thread '" + name + "' is started before the one held was joined");
+    }
     if (!threadsActive) {
         TESSA_THROW(SystemException, "cannot start thread '" + name + "': the process is ending");
     }
@@ -80,11 +108,21 @@ void Thread::SetThreadsActive(bool active) {
 }
 
 void Thread::setName(const std::string& name) {
+    if (nameGone) {
+        return;
+    }
     ownName() = name;
-    ::pthread_setname_np(::pthread_self(), name.substr(0, SYSTEM_NAME_LENGTH).c_str());
+    // The system's name of the main thread is what ps shows for the process.
+    if (!isMainThread()) {
+        ::pthread_setname_np(::pthread_self(), name.substr(0, SYSTEM_NAME_LENGTH).c_str());
+    }
 }
 
 const std::string& Thread::name() {
+    if (nameGone) {
+        static const auto& ending = *new std::string("ending");
+        return ending;
+    }
     return ownName();
 }
 

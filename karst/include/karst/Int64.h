@@ -2,6 +2,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 
@@ -24,7 +25,15 @@ public:
     std::string toString() const { return std::to_string(m_value); }
 
     friend constexpr auto operator<=>(Int64, Int64) = default;
-    friend constexpr Int64 operator+(Int64 a, Int64 b) { return {a.m_value + b.m_value}; }
+    /// Saturates: a directory may send any number, and the one after the last is the last.
+    friend constexpr Int64 operator+(Int64 a, Int64 b) {
+        std::int64_t sum = 0;
+        if (__builtin_add_overflow(a.m_value, b.m_value, &sum)) {
+            using Limits = std::numeric_limits<std::int64_t>;
+            return {b.m_value > 0 ? Limits::max() : Limits::min()};
+        }
+        return {sum};
+    }
 
 private:
     std::int64_t m_value = 0;

@@ -18,7 +18,8 @@ namespace tessa {
 class Properties {
 public:
     /// Adds the file's settings to those already held.
-    /// @return false, with a warning logged, when the file cannot be read; then nothing changed.
+    /// @return false, with a warning logged, when the file cannot be read (or is no regular file);
+    /// then nothing changed.
     bool load(const std::string& path);
     /// The same for text that is already in memory; `origin` names it in messages.
     void parse(std::string_view text, const std::string& origin);
@@ -30,7 +31,8 @@ public:
     /// "true", "yes", "1" and "false", "no", "0" in any case; anything else is `fallback`.
     bool getBool(std::string_view key, bool fallback) const;
     /// Seconds: a decimal number, alone or followed by s, m, h or d (days). A negative number is
-    /// returned as it is (the caller decides). Malformed: a warning is logged and `fallback` holds.
+    /// returned as it is (the caller decides). Malformed, empty or too large: a warning is logged
+    /// and `fallback` holds.
     long getTime(std::string_view key, long fallback) const;
     /// Several values, separated by white space or commas; empty pieces are dropped.
     std::vector<std::string> getList(std::string_view key, const std::string& fallback = "") const;
