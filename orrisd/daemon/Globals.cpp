@@ -31,19 +31,25 @@ boost::shared_ptr<ADInterface> gDirectory;
 
 } // namespace
 
-boost::shared_ptr<tessa::Properties> getConfig() { return boost::atomic_load(&gConfig); }
+boost::shared_ptr<tessa::Properties> getConfig() {
+    return boost::atomic_load(&gConfig);
+}
 
 void setConfig(boost::shared_ptr<tessa::Properties> config) {
     boost::atomic_store(&gConfig, std::move(config));
 }
 
-boost::shared_ptr<ADNisServer> getNisServer() { return boost::atomic_load(&gServer); }
+boost::shared_ptr<ADNisServer> getNisServer() {
+    return boost::atomic_load(&gServer);
+}
 
 void setNisServer(boost::shared_ptr<ADNisServer> server) {
     boost::atomic_store(&gServer, std::move(server));
 }
 
-boost::shared_ptr<ADInterface> getADInterface() { return boost::atomic_load(&gDirectory); }
+boost::shared_ptr<ADInterface> getADInterface() {
+    return boost::atomic_load(&gDirectory);
+}
 
 void setADInterface(boost::shared_ptr<ADInterface> directory) {
     boost::atomic_store(&gDirectory, std::move(directory));

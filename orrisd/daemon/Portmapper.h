@@ -2,6 +2,11 @@
 
 namespace nis {
 
+/// Registers YPPROG version 2 for a protocol.
+/// @param protocol IPPROTO_UDP or IPPROTO_TCP
+/// @return false when the portmapper refuses or is not there; rpcFailureText() says why
+bool registerService(int protocol, unsigned port);
+
 /// Removes YPPROG version 2 from the portmapper; harmless when it is not there.
 void unregisterService();
 
@@ -10,7 +15,11 @@ void unregisterService();
 void VerifyPorts();
 
 /// Registers again, with a warning, when the portmapper has lost a registration (it was restarted).
-/// Called by the update loop while it waits; never throws, never ends the process.
+/// Called by the update loop while it waits; never throws, never ends the process. Asks at most
+/// every 15 seconds and gives up soon when there is no answer. For one thread.
 void keepRegistered();
+
+/// The RPC library's text for its last failure on this thread.
+const char* rpcFailureText();
 
 } // namespace nis

@@ -1,0 +1,19 @@
+#pragma once
+
+namespace nis {
+
+struct Worker;
+
+/// Something with a descriptor in the poller. Lives at least as long as it is registered there.
+class EventSource {
+public:
+    /// Serves what is ready, on the thread that was woken for it; never throws.
+    /// @return true when it stopped with more at hand that will not wake a thread by itself: the
+    ///         caller then calls again soon
+    virtual bool onReady(Worker& worker) = 0;
+
+protected:
+    ~EventSource() = default;
+};
+
+} // namespace nis
