@@ -256,7 +256,7 @@ void CacheSnapshot::takeHeader(const Header& header) {
     }
     // The strings lie one behind the other and the records behind them; a damaged offset would
     // lose records from the beginning.
-    if (!inSequence || end != m_dataStart) {
+    if (!inSequence || end != m_dataStart || header.reserved1 != 0 || header.reserved2 != 0) {
         NIS_THROW(BadSnapshotFile, "Corrupt header in snapshot (string offsets)", m_filename);
     }
 }
@@ -348,11 +348,11 @@ void CacheSnapshot::readFailed(std::uint64_t position) const {
     NIS_THROW(FileReadFailed, "Reading from snapshot", m_filename);
 }
 
-/// Copies from the window, which is moved along as needed.
-void CacheSnapshot::readBytes(std::uint64_t position, char* bytes, std::size_t length,
+/// Copies from the window, which is moved along as needed. @return false when the file ends before
+bool CacheSnapshot::readBytes(std::uint64_t position, char* bytes, std::size_t length,
                               Window& window) const {
     if (position + length > m_fileLength) {
-        readFailed(position);
+        return false;
     }
     if (position < window.start || position + length > window.start + window.length) {
         if (window.bytes.empty()) {
@@ -361,24 +361,30 @@ void CacheSnapshot::readBytes(std::uint64_t position, char* bytes, std::size_t l
         window.start = position;
         window.length = readFully(m_file, window.bytes.data(), window.bytes.size(), position);
         if (window.length < length) {
-            readFailed(position);
+            return false;
         }
     }
     if (length > 0) {
         std::memcpy(bytes, window.bytes.data() + (position - window.start), length);
     }
+    return true;
 }
 
+/// The length of the string at the position.
 std::size_t CacheSnapshot::lengthAt(std::uint64_t position, Window& window) const {
     std::uint16_t length = 0;
-    readBytes(position, reinterpret_cast<char*>(&length), sizeof length, window);
+    if (!readBytes(position, reinterpret_cast<char*>(&length), sizeof length, window)) {
+        readFailed(position);
+    }
     return length;
 }
 
 /// Reads the string at the position, which is moved behind it.
 std::string CacheSnapshot::readString(std::uint64_t& position, Window& window) const {
     std::string text(lengthAt(position, window), '\0');
-    readBytes(position + LENGTH_SIZE, text.data(), text.size(), window);
+    if (!readBytes(position + LENGTH_SIZE, text.data(), text.size(), window)) {
+        readFailed(position);
+    }
     position += LENGTH_SIZE + text.size();
     return text;
 }

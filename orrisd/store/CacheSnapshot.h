@@ -71,7 +71,7 @@ private:
     void checkBlocks() const;
 
     std::size_t lengthAt(std::uint64_t position, Window& window) const;
-    void readBytes(std::uint64_t position, char* bytes, std::size_t length, Window& window) const;
+    bool readBytes(std::uint64_t position, char* bytes, std::size_t length, Window& window) const;
     std::string readString(std::uint64_t& position, Window& window) const;
     MapEntry readEntry(std::uint64_t& position, Window& window) const;
     [[noreturn]] void readFailed(std::uint64_t position) const;
