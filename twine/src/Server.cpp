@@ -67,12 +67,16 @@ void removeStaleSocket(const std::string& path) {
     }
 }
 
-// Signals belong to the main thread: a thread started while this lives takes none.
+// Signals belong to the main thread: a thread started while this lives takes none. Faults stay with
+// the thread that causes them.
 class SignalsBlocked {
 public:
     SignalsBlocked() {
         sigset_t all;
         sigfillset(&all);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGPROF}) {
+            sigdelset(&all, fault);
+        }
         pthread_sigmask(SIG_SETMASK, &all, &m_before);
     }
     ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
