@@ -6,7 +6,7 @@
 
 #include <sys/types.h>
 
-namespace testsupport {
+namespace test {
 
 /// A real directory client daemon (quorad, on an LDIF file) for tests that run in a private
 /// namespace: it writes the configuration and the directory, starts the program, and stops it by
@@ -60,4 +60,4 @@ private:
     pid_t m_pid = -1;
 };
 
-} // namespace testsupport
+} // namespace test
