@@ -21,7 +21,7 @@ namespace tessa {
 
 namespace {
 
-constexpr int PATIENCE_MILLISECONDS = 1000;
+constexpr std::chrono::milliseconds PATIENCE{1000};
 constexpr std::array<LogLevelName, 7> LEVELS{{{"trace", 7},
                                               {"debug", 7},
                                               {"detail", 7},
@@ -104,48 +104,46 @@ const LogLevelName& logLevelName(int level) {
     return LEVELS.at(static_cast<std::size_t>(std::clamp(level, 0, int{LOG_FATAL})));
 }
 
-/// False when not everything was taken. A pipe that can take anything takes PIPE_BUF bytes without
-/// blocking, so no write is larger.
-bool StandardErrorStream::put(std::string_view text, int patienceMilliseconds) {
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(patienceMilliseconds);
+/// Returns how many bytes were taken; not all of them when the time was over or an error came. A
+/// pipe that can take anything takes PIPE_BUF bytes without blocking, so no write is larger.
+std::size_t StandardErrorStream::put(std::string_view text, std::chrono::milliseconds patience) {
+    const auto start = std::chrono::steady_clock::now();
+    std::size_t taken = 0;
     BrokenPipeGuard guard;
-    while (!text.empty()) {
-        if (!writable(deadline)) {
-            return false;
-        }
-        const std::size_t piece = std::min<std::size_t>(text.size(), PIPE_BUF);
-        const ssize_t written = ::write(STDERR_FILENO, text.data(), piece);
+    while (taken < text.size() && writable(start + (taken == 0 ? patience : PATIENCE))) {
+        const std::string_view piece = text.substr(taken, PIPE_BUF);
+        const ssize_t written = ::write(STDERR_FILENO, piece.data(), piece.size());
         if (written > 0) {
-            text.remove_prefix(static_cast<std::size_t>(written));
-            m_midLine = !text.empty();
+            taken += static_cast<std::size_t>(written);
         } else if (written == 0 || errno != EINTR) {
             if (errno == EPIPE) {
                 guard.broken();
             }
-            return false;
+            break;
         }
     }
-    return true;
+    return taken;
 }
 
 void StandardErrorStream::write(std::string_view prefix, std::string_view line) {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    std::string text;
     if (m_lost > 0) {
-        std::string note = m_midLine ? "\n" : "";
-        note.append(prefix)
-            .append(std::to_string(m_lost))
-            .append(" log records lost: standard error did not take them\n");
-        if (!put(note, 0)) {
-            ++m_lost;
-            return;
-        }
+        text = m_midLine ? "\n" : "";
+        text.append(prefix).append(std::to_string(m_lost));
+        text.append(" log records lost: standard error did not take them\n");
+    }
+    const std::size_t note = text.size();
+    text.append(prefix).append(line).append(1, '\n');
+    const std::size_t taken = put(text, m_lost > 0 ? std::chrono::milliseconds(0) : PATIENCE);
+    if (taken >= note) {
         m_lost = 0;
     }
-    std::string whole(prefix);
-    whole.append(line).append(1, '\n');
-    if (!put(whole, PATIENCE_MILLISECONDS)) {
+    if (taken < text.size()) {
         ++m_lost;
+    }
+    if (taken > 0) {
+        m_midLine = text[taken - 1] != '\n';
     }
 }
 

@@ -3,6 +3,8 @@
 #include "karst/Logger.h"
 
 #include <atomic>
+#include <chrono>
+#include <cstddef>
 #include <list>
 #include <mutex>
 #include <string>
@@ -37,7 +39,7 @@ public:
     void write(std::string_view prefix, std::string_view line);
 
 private:
-    bool put(std::string_view text, int patienceMilliseconds);
+    static std::size_t put(std::string_view text, std::chrono::milliseconds patience);
 
     std::mutex m_mutex; ///< lines of several threads never mix
     unsigned long m_lost = 0;
