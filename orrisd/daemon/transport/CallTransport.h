@@ -3,7 +3,6 @@
 #include <rpc/rpc.h>
 #include <rpc/svc_mt.h>
 
-#include <cstddef>
 #include <span>
 
 #include <netinet/in.h>
@@ -44,7 +43,6 @@ protected:
     virtual bool send(rpc_msg& reply, bool& committed) = 0;
 
 private:
-    static constexpr std::size_t COOKED_CREDENTIALS = 1024;
     static const struct SVCXPRT::xp_ops OPERATIONS;
 
     static CallTransport& of(SVCXPRT* transport);
@@ -65,7 +63,6 @@ private:
     char m_replyVerifier[MAX_AUTH_BYTES] = {};
     char m_credentials[MAX_AUTH_BYTES] = {};
     char m_verifier[MAX_AUTH_BYTES] = {};
-    alignas(std::max_align_t) char m_cooked[COOKED_CREDENTIALS] = {};
 };
 
 } // namespace nis

@@ -77,9 +77,6 @@ TcpTransport::Accepted TcpTransport::acceptOne() {
         if (!m_accepting) {
             return Accepted::NoRoom;
         }
-        if (m_connections.size() >= m_loop.limits().connections) {
-            evictLongestIdle();
-        }
         if (m_connections.size() >= m_loop.limits().connections + EVICTED_PENDING) {
             m_paused = true;
             m_timer.schedule(DeadlineTimer::Clock::now() + m_loop.limits().acceptRetry);
@@ -122,6 +119,9 @@ void TcpTransport::admit(int socket, const sockaddr_in& peer) {
     TcpConnection* connection = nullptr;
     {
         tessa::Lock lock(m_mutex);
+        if (m_connections.size() >= m_loop.limits().connections) {
+            evictLongestIdle();
+        }
         m_connections.emplace_front(*this, socket, peer);
         connection = &m_connections.front();
         connection->place = m_connections.begin();
