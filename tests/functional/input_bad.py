@@ -66,7 +66,6 @@ class BadConfiguration(nistest.NisTest):
         os.remove(nistest.CONFIG_FILE)
         mark = self.orrisd.log_size()
         self.orrisd.signal(nistest.signal.SIGHUP)
-        # All defaults hold from now on, the log level among them.
         self.orrisd.wait_log("Re-reading config file", mark)
         self.assert_serves()
         self.assertEqual(self.orrisd.stop(), 0)

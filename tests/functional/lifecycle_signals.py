@@ -87,7 +87,12 @@ class Signals(nistest.NisTest):
             "Negative value for property nisd.update.interval not allowed. Using 1800 seconds"))
 
     def test_interval_zero_updates_only_on_signals(self):
-        self.start_system(nisd_update_interval="0")
+        self.directory.save()
+        self.write_config(nisd_update_interval="0")
+        self.start_quorad()
+        self.start_orrisd()
+        self.refresh()
+        self.assert_map("plain", self.entries)
         self.entries["c"] = "3"
         self.directory.entry("CN=plain,CN=nismaps," + self.directory.ZONE, "c", "3")
         self.change_directory()
