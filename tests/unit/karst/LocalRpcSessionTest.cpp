@@ -625,4 +625,29 @@ TEST_F(EnumerationTest, GroupWhoseRestIsMissingIsBadData) {
     }
 }
 
+// The free function talks to the daemon's fixed place, which only a private system has to give.
+class LoadSettingTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(0, ::access("/run/.layers", F_OK)) << "not on a private system";
+    }
+    ScriptedDaemon m_daemon{QUORAD_SOCKET};
+};
+
+TEST_F(LoadSettingTest, SettingIsReadAndTrimmedIfWanted) {
+    m_daemon.start([](const q_request& r) { return ScriptedDaemon::setting(r, " CN=z \n"); });
+    EXPECT_EQ(" CN=z \n", loadSetting("zonename", true, false));
+    EXPECT_EQ("CN=z", loadSetting("zonename", true, true));
+}
+
+TEST_F(LoadSettingTest, MissingSettingIsAnErrorOnlyWhenRequired) {
+    m_daemon.start([](const q_request&) { return ScriptedDaemon::failure(Q_NOT_FOUND, "none"); });
+    EXPECT_THROW(loadSetting("zonename", true, true), NotFoundException);
+    EXPECT_EQ("", loadSetting("zonename", false, true));
+}
+
+TEST_F(LoadSettingTest, DaemonThatIsAwayIsAlwaysAnError) {
+    EXPECT_THROW(loadSetting("zonename", false, true), IOException);
+}
+
 } // namespace

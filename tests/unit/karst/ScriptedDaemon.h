@@ -27,15 +27,20 @@ public:
         char pattern[] = "/tmp/session-test-XXXXXX";
         const char* made = ::mkdtemp(pattern);
         m_folder = made == nullptr ? std::string() : made;
+        m_socket = m_folder + "/daemon";
     }
+    /// At a given place instead of one of its own.
+    explicit ScriptedDaemon(std::string socket) : m_socket(std::move(socket)) {}
     ~ScriptedDaemon() {
         stop();
-        ::rmdir(m_folder.c_str());
+        if (!m_folder.empty()) {
+            ::rmdir(m_folder.c_str());
+        }
     }
     ScriptedDaemon(const ScriptedDaemon&) = delete;
     ScriptedDaemon& operator=(const ScriptedDaemon&) = delete;
 
-    std::string socket() const { return m_folder + "/daemon"; }
+    const std::string& socket() const { return m_socket; }
 
     void start(Script script, bool answerHello = true) {
         stop();
@@ -166,6 +171,7 @@ private:
     };
 
     std::string m_folder;
+    std::string m_socket;
     std::atomic<unsigned> m_connections{0};
     mutable std::mutex m_mutex;
     std::vector<unsigned> m_operations;
