@@ -69,26 +69,27 @@ void TcpConnection::abort() {
 }
 
 bool TcpConnection::onReady(Worker& worker) {
-    Turn turn = Turn::Close;
     {
         tessa::Lock lock(m_serving);
-        turn = serveInput(worker);
-        if (turn == Turn::Rearm) {
-            const bool begun = m_reader.inRecord() && !m_halfRecord;
-            m_halfRecord = m_reader.inRecord();
-            if (m_served || begun) {
-                m_transport.endTurn(*this, m_served, begun);
-            }
-            m_served = false;
+        if (serveInput(worker) == Turn::Rearm) {
+            endTurn();
+            return false;
         }
     }
-    // From here on another thread may be at work on this connection, and may destroy it.
-    if (turn == Turn::Rearm) {
-        m_transport.rearm(*this);
-    } else {
-        m_transport.close(*this);
-    }
+    m_transport.close(*this);
     return false;
+}
+
+/// Once the descriptor is armed, another thread may wait for the mutex to serve this connection,
+/// and then destroy it: nothing but the release of the mutex may follow.
+void TcpConnection::endTurn() {
+    const bool begun = m_reader.inRecord() && !m_halfRecord;
+    m_halfRecord = m_reader.inRecord();
+    if (m_served || begun) {
+        m_transport.endTurn(*this, m_served, begun);
+    }
+    m_served = false;
+    m_transport.rearm(*this);
 }
 
 TcpConnection::Turn TcpConnection::serveInput(Worker& worker) {

@@ -57,6 +57,7 @@ private:
     enum class Turn { Rearm, Close };
 
     Turn serveInput(Worker& worker) KARST_REQUIRES(m_serving);
+    void endTurn() KARST_REQUIRES(m_serving);
     bool serveRecords(std::span<char> input, Worker& worker) KARST_REQUIRES(m_serving);
     bool serveRecord(std::span<char> record, Worker& worker) KARST_REQUIRES(m_serving);
     bool waitForRoom(Clock::time_point lastProgress);
