@@ -46,7 +46,7 @@ std::string timeStamp() {
     ::gmtime_r(&now.tv_sec, &parts);
     std::array<char, 32> text{};
     std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
-    std::array<char, 8> milliseconds{};
+    std::array<char, 24> milliseconds{};
     std::snprintf(milliseconds.data(), milliseconds.size(), ".%03ldZ", now.tv_nsec / 1000000);
     return std::string(text.data()) + milliseconds.data();
 }
