@@ -127,8 +127,7 @@ TEST_F(LocalRpcSessionTest, FailureWithoutTextSaysWhatWasAsked) {
 }
 
 TEST_F(LocalRpcSessionTest, UnknownStatusIsBadData) {
-    m_daemon.start(
-        [](const q_request&) { return ScriptedDaemon::failure(static_cast<q_status>(99), "?"); });
+    m_daemon.start([](const q_request&) { return ScriptedDaemon::failure(99, "?"); });
     LocalRpcSession session(m_daemon.socket(), false, true);
     EXPECT_TRUE(contains(raised<BadDataException>([&] { session.loadSetting("x"); }), "99"));
 }

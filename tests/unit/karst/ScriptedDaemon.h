@@ -71,7 +71,7 @@ public:
         return answer;
     }
     static std::string done(const q_request& request) { return messages::encode(ok(request)); }
-    static std::string failure(q_status status, const std::string& text) {
+    static std::string failure(unsigned status, const std::string& text) {
         q_answer answer{};
         answer.status = status;
         answer.q_answer_u.failure.message = messages::bytes(text);
