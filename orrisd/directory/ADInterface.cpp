@@ -71,25 +71,31 @@ std::string ADInterface::getZoneName() {
     return name;
 }
 
-std::string ADInterface::nisDomainOfDirectory(const std::string& zoneName) {
-    try {
-        tessa::LocalRpcSession session(tessa::QUORAD_SOCKET, false, true);
-        const std::string guid = session.loadSetting(tessa::SETTING_ZONE_GUID);
-        const tessa::ADObject zone = session.ldapFetch(
-            tessa::DN::domainFromDN(getZoneDN()), tessa::Guid::fromString(guid).toDN(), {}, true);
-        if (zone.attributeExists(tessa::TESSA_ZONE_SFU, true)) {
-            std::string domain = zone[tessa::TESSA_ZONE_SFU].asString();
-            KARST_LOG(logger, tessa::LOG_DEBUGGING, "NisDomain from AD: %s", domain.c_str());
-            if (isSafeFileNamePart(domain)) {
-                return domain;
-            }
-            KARST_LOG(logger, tessa::LOG_WARN,
-                      "NisDomain '%s' of zone %s cannot be part of a file name: using zone name",
-                      domain.c_str(), getZoneDN().c_str());
-            return zoneName;
-        }
+/// What the zone object says, or the zone's name when it says nothing.
+std::string ADInterface::askNisDomain(const std::string& zoneName) {
+    tessa::LocalRpcSession session(tessa::QUORAD_SOCKET, false, true);
+    const std::string guid = session.loadSetting(tessa::SETTING_ZONE_GUID);
+    const tessa::ADObject zone = session.ldapFetch(tessa::DN::domainFromDN(getZoneDN()),
+                                                   tessa::Guid::fromString(guid).toDN(), {}, true);
+    if (!zone.attributeExists(tessa::TESSA_ZONE_SFU, true)) {
         KARST_LOG(logger, tessa::LOG_DEBUGGING, "NisDomain not set in AD: using zone name: %s",
                   zoneName.c_str());
+        return zoneName;
+    }
+    std::string domain = zone[tessa::TESSA_ZONE_SFU].asString();
+    KARST_LOG(logger, tessa::LOG_DEBUGGING, "NisDomain from AD: %s", domain.c_str());
+    if (isSafeFileNamePart(domain)) {
+        return domain;
+    }
+    KARST_LOG(logger, tessa::LOG_WARN,
+              "NisDomain '%s' of zone %s cannot be part of a file name: using zone name",
+              domain.c_str(), getZoneDN().c_str());
+    return zoneName;
+}
+
+std::string ADInterface::nisDomainOfDirectory(const std::string& zoneName) {
+    try {
+        return askNisDomain(zoneName);
     } catch (const tessa::TESSAException& e) {
         KARST_LOG(logger, tessa::LOG_WARN, "While retrieving NisDomain from AD: %s", e.what());
     }
@@ -97,7 +103,15 @@ std::string ADInterface::nisDomainOfDirectory(const std::string& zoneName) {
 }
 
 std::string ADInterface::getNisDomain() {
-    const std::string domain = nisDomainOfDirectory(getZoneName());
+    return configuredDomain(nisDomainOfDirectory(getZoneName()));
+}
+
+std::string ADInterface::readNisDomain() {
+    return configuredDomain(askNisDomain(zoneNameOf(getZoneDN())));
+}
+
+/// The configuration's domain where it has one, else the directory's.
+std::string ADInterface::configuredDomain(const std::string& domain) {
     const auto config = getConfig();
     if (!config->exists(PROP_DOMAIN_NAME)) {
         return domain;

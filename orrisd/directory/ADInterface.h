@@ -43,6 +43,9 @@ public:
     static std::string getZoneName();
     /// The NIS domain: of the configuration, else of the zone object, else the zone's name.
     static std::string getNisDomain();
+    /// The same for a daemon that serves already: it ends nothing, and what cannot be asked is the
+    /// session's exception.
+    static std::string readNisDomain();
 
     std::string getZoneHierarchy() const;
     /// Reads hierarchy, servers and map objects again. What one zone cannot answer keeps its
@@ -92,6 +95,8 @@ private:
     void readMapNames(const std::vector<std::string>& zones);
     ObjectVector readMapObjects(const std::string& zone, const std::string& server);
     static std::string nisDomainOfDirectory(const std::string& zoneName);
+    static std::string askNisDomain(const std::string& zoneName);
+    static std::string configuredDomain(const std::string& domain);
 
     static tessa::Mutex m_zoneDNProtect;
     static std::string m_zoneDN KARST_GUARDED_BY(m_zoneDNProtect); ///< read once, never again

@@ -39,18 +39,19 @@ public:
     void update(bool rebuild, bool refresh);
     std::time_t getNextUpdateTime(); ///< seconds since the epoch
     std::time_t getLastUpdateTime(); ///< seconds since the epoch, 0: never
+    const std::string& getDomain() const { return m_domain; }
     /// Whether a caller may be answered. The address is in network byte order.
     bool allowedSubnet(unsigned int address) const;
 
 private:
     void insureDomainCorrect(const char* domain) const;
+    void checkArguments(const char* domain, const char* map) const;
     void initSecureNets();
     void initMapSets(bool flush);
 
     std::string m_domain;
     mutable tessa::Mutex m_secureNetsProtect;
-    boost::shared_ptr<const std::vector<Subnet>> m_secureNets
-        KARST_GUARDED_BY(m_secureNetsProtect);
+    boost::shared_ptr<const std::vector<Subnet>> m_secureNets KARST_GUARDED_BY(m_secureNetsProtect);
     MapSetManager m_manager;
 };
 

@@ -21,8 +21,7 @@ public:
     virtual bool isDomainSupported(const char* domain) const = 0;
     virtual MapEntry match(const char* domain, const char* map, const std::string& key) const = 0;
     virtual MapEntry getFirst(const char* domain, const char* map) const = 0;
-    virtual MapEntry getNext(const char* domain, const char* map,
-                             const std::string& key) const = 0;
+    virtual MapEntry getNext(const char* domain, const char* map, const std::string& key) const = 0;
     virtual boost::shared_ptr<MapIterator> getAll(const char* domain, const char* map) const = 0;
     virtual std::string getMaster(const char* domain, const char* map) const = 0;
     virtual std::uint32_t getOrder(const char* domain, const char* map) const = 0;
