@@ -51,6 +51,8 @@ private:
     };
 
     State ask();
+    void refreshUnknown();
+    void reportOnce(const std::string& failure);
     void load();
     void save(const State& state) const;
     static bool same(const State& a, const State& b);
