@@ -20,6 +20,10 @@ namespace {
 
 constexpr std::size_t LONGEST = 0xffff; ///< what a length of two bytes can say
 
+// FNV-1a with 64 bits.
+constexpr std::uint64_t DIGEST_START = 0xcbf29ce484222325;
+constexpr std::uint64_t DIGEST_PRIME = 0x100000001b3;
+
 /// A new cache whose file goes away again unless everything that must be in it is.
 class NewCache {
 public:
@@ -41,7 +45,7 @@ private:
 } // namespace
 
 DataHorde::DataHorde(const std::string& baseName, const Identity& identity)
-    : m_mapName(identity.name) {
+    : m_mapName(identity.name), m_digest(DIGEST_START) {
     if (getConfig()->getBool(PROP_DATAHORDE, true)) {
         openTemporaryFile(baseName + ".temp");
         return;
@@ -97,7 +101,18 @@ void DataHorde::add(const std::string& name, const std::string& id, const std::s
     for (const std::string* text : {&name, &id, &line}) {
         m_checksum =
             addToChecksum(m_checksum, text->data(), static_cast<std::int32_t>(text->size()));
+        digest(*text);
         write(*text);
+    }
+}
+
+/// The length goes in as well, so that text never moves between fields unnoticed.
+void DataHorde::digest(const std::string& text) {
+    for (std::size_t rest = text.size(), i = 0; i < sizeof rest; ++i, rest >>= 8) {
+        m_digest = (m_digest ^ (rest & 0xff)) * DIGEST_PRIME;
+    }
+    for (const char c : text) {
+        m_digest = (m_digest ^ static_cast<unsigned char>(c)) * DIGEST_PRIME;
     }
 }
 
@@ -149,10 +164,19 @@ void DataHorde::read(std::string& name, std::string& id, std::string& line) {
     line = readString();
 }
 
-const std::string& DataHorde::getChecksum() {
+void DataHorde::insureCollected() const {
     if (isDirect() || !m_file.is_open()) {
         NIS_THROW(NisException, "checksum");
     }
+}
+
+std::string DataHorde::getDigest() const {
+    insureCollected();
+    return tessa::uitoa(m_digest);
+}
+
+const std::string& DataHorde::getChecksum() {
+    insureCollected();
     if (m_checksumText.empty()) {
         m_checksumText = tessa::itoa(static_cast<std::int32_t>(m_checksum), 16);
     }
@@ -171,6 +195,7 @@ void DataHorde::fill(NisCache& cache) {
         cache.put(name, line, IntrinsicADNisMap::NAME_LAYER);
         cache.put(id, line, IntrinsicADNisMap::ID_LAYER);
     }
+    cache.put(IntrinsicADNisMap::DIGEST_KEY, getDigest(), IntrinsicADNisMap::DIGEST_LAYER);
     cache.put(IntrinsicADNisMap::CHECKSUM_KEY, getChecksum(), IntrinsicADNisMap::CHECKSUM_LAYER);
 }
 

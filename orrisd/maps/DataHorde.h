@@ -42,6 +42,10 @@ public:
 
     /// @throws NisException "checksum" when there is none: the records went elsewhere
     const std::string& getChecksum();
+    /// A second checksum, which also tells records apart that exchanged something: the first one is
+    /// a plain sum, and two users who swap their shells leave it as it was.
+    /// @throws as getChecksum()
+    std::string getDigest() const;
     /// A new cache with all records, complete on disk except for its high USN: whoever puts it into
     /// service sets that, and until then a start discards the file.
     /// @throws FileWriteFailed, FileReadFailed, BadCacheFile; no file is left then
@@ -58,6 +62,8 @@ private:
     void openTemporaryFile(const std::string& fileName);
     void write(const std::string& text);
     std::string readString();
+    void digest(const std::string& text);
+    void insureCollected() const;
     void read(std::string& name, std::string& id, std::string& line);
     void fill(NisCache& cache);
     void flush();
@@ -67,6 +73,7 @@ private:
     std::unique_ptr<NisCache::Batch> m_directBatch; ///< of the direct cache
     std::fstream m_file;
     std::uint32_t m_checksum = 0;
+    std::uint64_t m_digest;
     std::uint32_t m_recordCount = 0;
     std::string m_checksumText;
 };

@@ -5,6 +5,7 @@
 #include "store/NisCache.h"
 
 #include <karst/ADObject.h>
+#include <karst/LocalRpcSession.h>
 
 #include <boost/shared_ptr.hpp>
 
@@ -55,6 +56,14 @@ protected:
     /// Whether the cache may hold something else than was last written, because a pass failed.
     virtual void cacheReverted() {}
 
+    /// Stores all objects into the empty cache. The caller holds the writer lock.
+    /// @return the number of records
+    int load(tessa::ADObjectList& objects);
+    /// Applies changed objects, each under the writer lock, so that clients are answered in
+    /// between.
+    /// @return the number of objects read
+    int applyChanges(tessa::ADObjectList& objects);
+
 private:
     friend class RecordLedger;
 
@@ -71,8 +80,6 @@ private:
     bool updateCache(const MapEntry& record, const std::string& objectId, bool deleted);
     void addDeferred(const MapEntry& record, const std::string& objectId);
 
-    int load(const tessa::Int64& highUSN);
-    int applyChanges(const tessa::Int64& highUSN);
     void settleClaims();
     void keepWhatWasWritten(NisCache::Batch& batch);
     void commit(NisCache::Batch& batch);

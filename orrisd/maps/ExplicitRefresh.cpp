@@ -8,6 +8,7 @@
 #include <karst/DN.h>
 
 #include <list>
+#include <unordered_set>
 #include <utility>
 
 namespace nis {
@@ -60,9 +61,8 @@ void ExplicitADNisMap::initialize(const tessa::Int64& highUSN) {
     NisCache::Batch batch(*held);
     int count = 0;
     try {
-        m_ledger.begin(true);
-        count = load(highUSN);
-        m_ledger.settle();
+        const auto interface = directory();
+        count = load(*interface->getMapEntries(getMapDN(), tessa::Int64::ZERO, highUSN));
         // The last write of the batch: a load that did not get here never looks complete.
         setLastUpdateTime();
         setHighUSN(highUSN);
@@ -77,13 +77,11 @@ void ExplicitADNisMap::initialize(const tessa::Int64& highUSN) {
               getServer().c_str(), count);
 }
 
-/// @return the number of records
-int ExplicitADNisMap::load(const tessa::Int64& highUSN) {
+int ExplicitADNisMap::load(tessa::ADObjectList& objects) {
     int count = 0;
-    const auto interface = directory();
-    const auto objects = interface->getMapEntries(getMapDN(), tessa::Int64::ZERO, highUSN);
+    m_ledger.begin(true);
     tessa::ADObject object;
-    while (objects->next(object)) {
+    while (objects.next(object)) {
         if (isDeleted(object)) {
             continue;
         }
@@ -92,6 +90,7 @@ int ExplicitADNisMap::load(const tessa::Int64& highUSN) {
         addToCache(record.key, record.value, objectIdOf(object));
         ++count;
     }
+    m_ledger.settle();
     return count;
 }
 
@@ -109,9 +108,8 @@ void ExplicitADNisMap::update(const tessa::Int64& highUSN) {
     NisCache::Batch batch(*held);
     int count = 0;
     try {
-        m_ledger.begin(false);
-        count = applyChanges(highUSN);
-        settleClaims();
+        const auto interface = directory();
+        count = applyChanges(*interface->getMapEntries(getMapDN(), getHighUSN(), highUSN));
         checkServerUnchanged();
         setLastUpdateTime();
         setHighUSN(highUSN);
@@ -125,21 +123,24 @@ void ExplicitADNisMap::update(const tessa::Int64& highUSN) {
               getServer().c_str(), count);
 }
 
-/// Each object by itself, so that clients are answered in between.
-/// @return the number of objects read
-int ExplicitADNisMap::applyChanges(const tessa::Int64& highUSN) {
+int ExplicitADNisMap::applyChanges(tessa::ADObjectList& objects) {
     int count = 0;
     std::list<std::pair<MapEntry, std::string>> deferred;
-    const auto interface = directory();
-    const auto objects = interface->getMapEntries(getMapDN(), getHighUSN(), highUSN);
+    std::unordered_set<std::string> waiting; // identifiers of those
+    m_ledger.begin(false);
     tessa::ADObject object;
-    while (objects->next(object)) {
+    while (objects.next(object)) {
         ++count;
         insureSameServer(object[ADInterface::SERVER_NAME].asString());
         MapEntry record = recordOf(object);
         std::string id = objectIdOf(object);
         const tessa::WriterLock lock(getReaderWriterLock());
+        if (waiting.erase(id) != 0) {
+            // Delivered once more: what came later holds.
+            deferred.remove_if([&id](const auto& earlier) { return earlier.second == id; });
+        }
         if (!updateCache(record, id, isDeleted(object))) {
+            waiting.insert(id);
             deferred.emplace_back(std::move(record), std::move(id));
         }
     }
@@ -149,6 +150,7 @@ int ExplicitADNisMap::applyChanges(const tessa::Int64& highUSN) {
         const tessa::WriterLock lock(getReaderWriterLock());
         addDeferred(record, id);
     }
+    settleClaims();
     return count;
 }
 

@@ -129,7 +129,11 @@ bool IntrinsicADNisMap::isUnchanged(DataHorde& horde) const {
     const std::string& now = horde.getChecksum();
     KARST_LOG(logger, tessa::LOG_TRACE, "map '%s'  old checksum=%s  new checksum=%s",
               getName().c_str(), before.c_str(), now.c_str());
-    return before == now;
+    if (before != now) {
+        return false;
+    }
+    const MapEntry digest = cache()->get(DIGEST_KEY, DIGEST_LAYER);
+    return digest.key.empty() || digest.value == horde.getDigest();
 }
 
 void IntrinsicADNisMap::dataHordeComplete(DataHorde& horde) {

@@ -18,7 +18,8 @@ namespace nis {
 /// is replaced as a whole, and the order moves, only when something changed. Clients keep reading
 /// the old cache until the new one is complete.
 ///
-/// Layers of the cache: 0 name -> line, 1 numeric id -> line, 2 the checksum of the data.
+/// Layers of the cache: 0 name -> line, 1 numeric id -> line, 2 the checksum of the data, 3 a
+/// second one that sees what the first does not.
 class IntrinsicADNisMap : public ADNisMap {
 public:
     using DataHorde = nis::DataHorde;
@@ -26,6 +27,8 @@ public:
     static constexpr unsigned char ID_LAYER = 1;
     static constexpr unsigned char CHECKSUM_LAYER = 2;
     static constexpr const char* CHECKSUM_KEY = "checksum";
+    static constexpr unsigned char DIGEST_LAYER = 3;
+    static constexpr const char* DIGEST_KEY = "digest";
 
     /// @param byName,byId names of the derived maps; they are registered as such
     IntrinsicADNisMap(boost::shared_ptr<NisCache> cache, std::string byName, std::string byId);
