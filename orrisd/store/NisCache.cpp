@@ -405,6 +405,11 @@ NisCache::Batch::Batch(NisCache& cache) try : m_cache(cache), m_batch(cache.m_st
 }
 
 NisCache::Batch::~Batch() {
+    const tessa::Lock lock(m_cache.mutex());
+    if (!m_done && !m_cache.m_store.isOpen()) {
+        m_done = true; // closing the store has committed the batch
+        --m_cache.m_batchDepth;
+    }
     try {
         commit();
     } catch (const BadCacheFile&) {

@@ -248,16 +248,17 @@ TEST_F(CacheSnapshotTest, KeyThatWouldEndTheMapIsNotWritten) {
 }
 
 TEST_F(CacheSnapshotTest, UnsafeOrTooLongNamesAreRefused) {
-    for (const auto& [domain, map, server] : {std::tuple{"../d"s, "m"s, "s"s},
-                                              {"d"s, "a/b"s, "s"s},
-                                              {"d"s, "m"s, ""s},
-                                              {"d"s, "m\0"s, "s"s},
-                                              {std::string(100, 'd'), std::string(100, 'm'),
-                                               "0123456789012345678901234567890123456789"s}}) {
-        EXPECT_EQ("snapshot create failed", refusal<FileOpenFailed>([&] {
-                      CacheSnapshot(boost::make_shared<test::FakeMap>(test::Entries{}, 1U, map),
-                                    domain, server);
-                  }));
+    struct Names {
+        std::string domain;
+        std::string map;
+        std::string server;
+    };
+    const std::string part(100, 'x');
+    for (const Names& names : {Names{"../d", "m", "s"}, Names{"d", "a/b", "s"}, Names{"d", "m", ""},
+                               Names{"d", "m\0"s, "s"}, Names{part, part, std::string(40, 'x')}}) {
+        const auto map = boost::make_shared<test::FakeMap>(test::Entries{}, 1U, names.map);
+        EXPECT_EQ("snapshot create failed",
+                  refusal<FileOpenFailed>([&] { CacheSnapshot(map, names.domain, names.server); }));
     }
     EXPECT_TRUE(std::filesystem::is_empty("."));
 }

@@ -79,12 +79,12 @@ TEST_F(NisCacheBatchTest, BatchesNestAndReadersSeeEachWrite) {
 
 TEST_F(NisCacheBatchTest, ClosingTheStoresCommitsThePassWithItsOrder) {
     const auto cache = makeCache();
-    {
-        const NisCache::Batch batch(*cache);
-        cache->put("a", "1", 0);
-        cache->put("b", "1", 0);
-        tessa::DBStoreInterface::closeAll();
-    }
+    EXPECT_EQ("", logOf([&] {
+                  const NisCache::Batch batch(*cache);
+                  cache->put("a", "1", 0);
+                  cache->put("b", "1", 0);
+                  tessa::DBStoreInterface::closeAll();
+              }));
     const NisCache again(FILE);
     EXPECT_EQ(2U, again.getOrder());
     EXPECT_EQ("1", again.get("b", 0).value);
