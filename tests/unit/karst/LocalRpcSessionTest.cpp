@@ -590,10 +590,11 @@ TEST_F(EnumerationTest, GroupInPiecesIsPutTogether) {
         if (request.operation != Q_GROUPS_NEXT) {
             return ScriptedDaemon::done(request);
         }
-        return ++page == 1
-                   ? ScriptedDaemon::groups(request, true,
-                                            {{"f", {"x"}}, {"g", {"a"}, true}, {"g", {"b"}, true}})
-                   : ScriptedDaemon::groups(request, false, {{"g", {"c"}}, {"h", {}}});
+        if (++page == 1) {
+            return ScriptedDaemon::groups(request, true,
+                                          {{"f", {"x"}}, {"g", {"a"}, true}, {"g", {"b"}, true}});
+        }
+        return ScriptedDaemon::groups(request, false, {{"g", {"c"}}, {"h", {}}});
     });
     LocalRpcSession session(m_daemon.socket(), false, true);
     session.startListGroup(false);
@@ -611,8 +612,10 @@ TEST_F(EnumerationTest, GroupWhoseRestIsMissingIsBadData) {
         if (request.operation != Q_GROUPS_NEXT) {
             return ScriptedDaemon::done(request);
         }
-        return other ? ScriptedDaemon::groups(request, false, {{"g", {"a"}, true}, {"h", {"b"}}})
-                     : ScriptedDaemon::groups(request, false, {{"g", {"a"}, true}});
+        if (other) {
+            return ScriptedDaemon::groups(request, false, {{"g", {"a"}, true}, {"h", {"b"}}});
+        }
+        return ScriptedDaemon::groups(request, false, {{"g", {"a"}, true}});
     });
     LocalRpcSession session(m_daemon.socket(), false, true);
     for (const bool turn : {false, true}) {
