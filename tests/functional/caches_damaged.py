@@ -101,15 +101,14 @@ class DamagedFiles(nistest.NisTest):
         for path in self.files(".map"):
             if ":plain:" in path:
                 os.truncate(path, os.path.getsize(path) // 2)
-        os.remove(nistest.LDIF_FILE)
-        self.wait_noticed()
+        with self.directory_change():
+            os.remove(nistest.LDIF_FILE)
         self.start_orrisd()
         self.assertTrue(self.orrisd.find("While opening cache file '.*:plain:.*Deleting file"))
         self.assert_map("hosts.byname", self.hosts)
         with self.client() as client:
             self.assertEqual(client.match("plain", "key001")[0], -1)
-        self.directory.save()
-        self.wait_noticed()
+        self.save_directory()
         self.orrisd.signal(nistest.signal.SIGUSR2)
         self.wait_map("plain", self.entries)
 

@@ -23,7 +23,7 @@ class Kill(nistest.NisTest):
         for i, dn in enumerate(self.dns):
             self.directory.replace(dn, "adminDescription", "version %d of %d" % (number, i))
         self.directory.replace(self.user, "gecos", "Version %d" % number)
-        self.directory.save()
+        self.save_directory()
 
     def start_again(self):
         self.orrisd = self.start("orrisd", [program("orrisd"), "-d"])
@@ -46,7 +46,6 @@ class Kill(nistest.NisTest):
         for number in range(1, KILLS + 1):
             self.write_version(number)
             possible.add(number)
-            self.wait_noticed()
             self.orrisd.signal(source.choice((signal.SIGUSR2, signal.SIGUSR1)))
             # A moment somewhere in the update, which takes between milliseconds and seconds.
             time.sleep(source.random() ** 2 * 2.0)
@@ -68,7 +67,6 @@ class Kill(nistest.NisTest):
             self.assertIn(b":Version ", users[b"nina"])
             possible = {n for n in possible if n >= version}
         self.write_version(KILLS + 1)
-        self.wait_noticed()
         self.orrisd.signal(signal.SIGUSR2)
         self.wait_map("plain", self.versions(KILLS + 1))
 

@@ -109,8 +109,7 @@ class Shutdown(nistest.NisTest):
         for index, dn in enumerate(list(self.directory.objects)):
             if dn.startswith("CN=e"):
                 self.directory.replace(dn, "adminDescription", "second %d" % index)
-        self.directory.save()
-        self.wait_noticed()
+        self.save_directory()
         self.orrisd.signal(signal.SIGUSR2)
         self.orrisd.wait_log("Refresh existing maps")
         self.orrisd.signal(signal.SIGTERM)

@@ -1,6 +1,7 @@
 """While the directory or its client is away, clients keep the last complete data."""
 
 import os
+import re
 import signal
 
 import ldif
@@ -71,36 +72,50 @@ class Outage(nistest.NisTest):
         self.wait_map("plain", self.entries)
 
     def test_ldif_missing(self):
-        os.rename(nistest.LDIF_FILE, nistest.LDIF_FILE + ".away")
-        self.failing_update_after_notice()
+        with self.directory_change():
+            os.rename(nistest.LDIF_FILE, nistest.LDIF_FILE + ".away")
+        self.failing_update()
+        self.failing_update(signal.SIGUSR1)
         self.change()
-        self.directory.save()
-        self.catch_up_after_notice()
+        self.save_directory()
+        self.catch_up()
 
     def test_ldif_malformed(self):
-        self.change()
-        self.directory.save()
         with open(nistest.LDIF_FILE, "rb") as file:
-            good = file.read()
-        old = dict(self.entries, key03="value 3", key04="value 4")
-        new, self.entries = self.entries, old
-        for bad in (good[:len(good) // 2] + b"\nthis is no attribute line\n" +
-                    good[len(good) // 2:],
-                    b"dn:: !!!not base64\nobjectClass: top\n" + good,
-                    good + b"\nobjectClass: record-without-dn\n",
-                    os.urandom(5000), b""):
-            ldif.write_atomically(nistest.LDIF_FILE, bad)
-            self.failing_update_after_notice()
-        self.entries = new
-        ldif.write_atomically(nistest.LDIF_FILE, good)
-        self.catch_up_after_notice()
+            before = file.read()
+        lines = before.count(b"\n")
+        for bad in (before + b"\nthis is no attribute line\n",
+                    b"dn:: !!!not base64\nobjectClass: top\n\n" + before,
+                    before + b"\nobjectClass: record-without-dn\n",
+                    before + b"\ndn: no equals sign\nobjectClass: top\n",
+                    b"\xff\x00" * 3000, b""):
+            mark = self.quorad.log_size()
+            with self.directory_change():
+                ldif.write_atomically(nistest.LDIF_FILE, bad)
+            message = self.quorad.find("Directory file not taken over", mark)
+            self.assertEqual(len(message), 1)
+            self.assertRegex(message[0], r"directory\.ldif:\d+")
+            number = int(re.search(r"directory\.ldif:(\d+)", message[0]).group(1))
+            self.assertLessEqual(number, lines + 4)
+            # quorad goes on with what it read last, so the update may succeed or fail.
+            mark = self.orrisd.log_size()
+            self.orrisd.signal(signal.SIGUSR2)
+            self.orrisd.wait_log("Update complete$|Update failed|Update from AD failed", mark)
+            self.assert_old_data()
+        self.change()
+        self.save_directory()
+        self.catch_up()
 
-    def failing_update_after_notice(self):
-        self.wait_noticed()
-        self.failing_update()
-
-    def catch_up_after_notice(self):
-        self.wait_noticed()
+    def test_restart_of_quorad_with_a_malformed_ldif(self):
+        self.assertEqual(self.quorad.stop(), 0)
+        ldif.write_atomically(nistest.LDIF_FILE, b"dn: DC=example,DC=com\nrubbish\n")
+        self.start_quorad()
+        mark = self.orrisd.log_size()
+        self.orrisd.signal(signal.SIGUSR2)
+        self.orrisd.wait_log("Update complete$|Update failed|Update from AD failed", mark)
+        self.assert_old_data()
+        self.change()
+        self.save_directory()
         self.catch_up()
 
     def test_restart_of_both_while_the_ldif_is_missing(self):
@@ -112,8 +127,8 @@ class Outage(nistest.NisTest):
         self.assert_old_data()
         self.failing_update()
         self.change()
-        self.directory.save()
-        self.catch_up_after_notice()
+        self.save_directory()
+        self.catch_up()
 
 
 if __name__ == "__main__":

@@ -5,6 +5,7 @@ and its own daemons; when it fails, their logs are printed. ORRISD_BIN names the
 programs; ORRISD_TEST_SLOW multiplies every time limit (sanitizer builds).
 """
 
+import contextlib
 import os
 import re
 import shutil
@@ -257,15 +258,21 @@ class NisTest(unittest.TestCase):
         self.orrisd.signal(number)
         self.orrisd.wait_log("Update complete$", mark)
 
-    def wait_noticed(self):
-        """Until quorad has looked at the directory file as it is now."""
-        version = file_version(LDIF_FILE)
-        wait_for(lambda: file_version(LDIF_FILE) == version, "")
+    @contextlib.contextmanager
+    def directory_change(self):
+        """What is done to the directory file inside is known to quorad afterwards."""
+        mark = self.quorad.log_size()
+        yield
+        self.quorad.wait_log(
+            "irectory file '.*' (read:|is missing)|Directory file not taken over", mark)
+
+    def save_directory(self):
+        with self.directory_change():
+            self.directory.save()
 
     def change_directory(self):
         """Saves the changed directory and returns when the server has taken it over."""
-        self.directory.save()
-        self.wait_noticed()
+        self.save_directory()
         self.refresh()
 
     # -- questions --------------------------------------------------------------------------------
