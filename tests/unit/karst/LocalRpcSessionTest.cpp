@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <limits>
 #include <stdexcept>
@@ -195,7 +196,7 @@ TEST_F(LocalRpcSessionTest, MalformedAnswersAreBadDataAndEndTheConnection) {
 }
 
 TEST_F(LocalRpcSessionTest, BrokenCallFailsAndTheNextConnectsAgain) {
-    bool broken = true;
+    std::atomic<bool> broken{true};
     m_daemon.start([&](const q_request& request) {
         if (broken) {
             throw Break();
@@ -292,7 +293,7 @@ TEST_F(LocalRpcSessionTest, PagesAreFetchedOnlyWhenTheyAreNeeded) {
 }
 
 TEST_F(LocalRpcSessionTest, SearchIsLostWithItsConnection) {
-    bool broken = true;
+    std::atomic<bool> broken{true};
     m_daemon.start([&](const q_request& request) {
         if (request.operation == Q_SEARCH_NEXT && broken) {
             throw Break();
@@ -503,7 +504,7 @@ TEST_F(EnumerationTest, WithoutStartThereIsNoNext) {
 
 TEST_F(EnumerationTest, EnumerationThatBreaksNeverLooksLikeAnEnd) {
     int page = 0;
-    bool broken = true;
+    std::atomic<bool> broken{true};
     m_daemon.start([&](const q_request& request) {
         if (request.operation == Q_USERS_NEXT && page == 1 && broken) {
             throw Break();
@@ -607,7 +608,7 @@ TEST_F(EnumerationTest, GroupInPiecesIsPutTogether) {
 }
 
 TEST_F(EnumerationTest, GroupWhoseRestIsMissingIsBadData) {
-    bool other = false;
+    std::atomic<bool> other{false};
     m_daemon.start([&](const q_request& request) {
         if (request.operation != Q_GROUPS_NEXT) {
             return ScriptedDaemon::done(request);
