@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 
 using namespace tessa;
+using namespace std::string_view_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -70,14 +71,13 @@ TEST_F(PropertiesTest, caseOfKeysDoesNotCount) {
 }
 
 TEST_F(PropertiesTest, malformedLinesAreReportedAndSkipped) {
-    const std::string log = parse(std::string_view("a: 1\n"
-                                                   "no colon here\n"
-                                                   " : no key\n"
-                                                   "\n"
-                                                   "zero\0: byte\n"
-                                                   "value: ze\0ro\n"
-                                                   "b: 2\n",
-                                                   72));
+    const std::string log = parse("a: 1\n"
+                                  "no colon here\n"
+                                  " : no key\n"
+                                  "\n"
+                                  "zero\0: byte\n"
+                                  "value: ze\0ro\n"
+                                  "b: 2\n"sv);
     EXPECT_THAT(log, HasSubstr("warning"));
     EXPECT_THAT(log, HasSubstr(" karst "));
     EXPECT_THAT(log, HasSubstr("test.conf:2: not a 'key: value' line, skipped: no colon here\n"));
@@ -117,10 +117,9 @@ TEST_F(PropertiesTest, veryLongLines) {
 }
 
 TEST_F(PropertiesTest, anotherEncodingGivesReportsOnly) {
-    EXPECT_THAT(parse(std::string_view("\xFF\xFE"
-                                       "a\0:\0 \0"
-                                       "1\0\n\0",
-                                       12)),
+    EXPECT_THAT(parse("\xFF\xFE"
+                      "a\0:\0 \0"
+                      "1\0\n\0"sv),
                 HasSubstr("test.conf:1:"));
     EXPECT_THAT(m_properties.withPrefix(""), IsEmpty());
 }
