@@ -156,7 +156,7 @@ class BadFrames(nistest.NisTest):
         code = ("import socket,sys\ns=socket.socket(socket.AF_UNIX); s.settimeout(20)\n"
                 "try:\n s.connect(%r)\n s.sendall(b'\\0'*64)\n sys.exit(1 if s.recv(100) else 0)\n"
                 "except OSError: sys.exit(0)\n" % SOCKET)
-        result = run("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "python3",
+        result = run("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "/usr/bin/python3",
                      "-c", code)
         self.assertEqual(result.returncode, 0, result.stderr)
 

@@ -3,13 +3,14 @@
 import os
 
 import nistest
+from ypclient import GARBAGE_ARGS, YP_NOMAP, RpcError
 
 
 class EvilNames(nistest.NisTest):
-    EVIL = ["/", ".", "..", "../evil", "../../etc/evil", "/etc/evil", "a/b", "a/../b", "n" * 201,
-            "m" * 300, "nul\0byte", ""]
+    EVIL = ["/", ".", "..", "../evil", "../../etc/evil", "/etc/evil", "a/b", "a/../b", "k" * 65,
+            "n" * 201, "m" * 300, "nul\0byte", ""]
     ODD = ["with space", "colon:name", ".hidden", "...", "-dash", "star*", "dollar$x", "ünïcode",
-           "k" * 120, "Plain", "plain", "new\nline", "100%s%n"]
+           "k" * 64, "plain", "new\nline", "100%s%n"]
 
     def tree(self):
         found = set()
@@ -29,6 +30,16 @@ class EvilNames(nistest.NisTest):
         dn = "CN=%s,CN=nismaps,%s" % (self.escaped(name), self.directory.ZONE)
         self.directory.add(dn, [("objectClass", "container"), ("cn", name)])
         self.directory.entry(dn, "key", "value of " + name)
+
+    def assert_no_such_map(self, client, name):
+        """Names longer than the protocol's 64 bytes cannot even be asked for."""
+        if len(name.encode()) > 64:
+            with self.assertRaises(RpcError) as caught:
+                client.match(name, "key")
+            self.assertEqual(caught.exception.accept_stat, GARBAGE_ARGS)
+        else:
+            self.assertEqual(client.match(name, "key")[0], YP_NOMAP)
+            self.assertEqual(client.order(name)[0], YP_NOMAP)
 
     def test_names(self):
         for name in self.ODD:
@@ -53,7 +64,7 @@ class EvilNames(nistest.NisTest):
             for name in self.EVIL:
                 with self.subTest(name):
                     self.assertNotIn(name, names)
-                    self.assertEqual(client.match(name, "key")[0], -1)
+                    self.assert_no_such_map(client, name)
         for name in ("/etc/evil", "/var/velmorix/evil", "/evil"):
             self.assertFalse(os.path.exists(name))
         self.assertEqual(self.orrisd.stop(), 0)
@@ -68,9 +79,9 @@ class EvilNames(nistest.NisTest):
         before = self.tree()
         for protocol in ("udp", "tcp"):
             with self.client(protocol) as client:
-                for name in ("../../../etc/passwd", "/etc/passwd", "", "plain\0", "plain.map"):
-                    self.assertEqual(client.match(name, "root")[0], -1)
-                    self.assertEqual(client.order(name)[0], -1)
+                for name in ("../../../etc/passwd", "/etc/passwd", "", "plain.map", "n" * 65,
+                             "n" * 1000):
+                    self.assert_no_such_map(client, name)
             with self.client(protocol, "../example") as client:
                 self.assertEqual(client.match("plain", "key")[0], -2)
         self.assertEqual(self.tree() - before, set())

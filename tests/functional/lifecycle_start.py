@@ -76,17 +76,8 @@ class Running(nistest.NisTest):
         self.directory.save()
         self.write_config()
         self.start_quorad()
-        result = run(program("orrisd"), timeout=60)
-        self.assertEqual(result.returncode, 0)
-
-        def daemon_pid():
-            try:
-                with open(nistest.PID_FILE) as file:
-                    return int(file.read() or 0)
-            except OSError:
-                return 0
-        pid = wait_for(daemon_pid, "the pid file")
-        self.addCleanup(lambda: procinfo.is_running(pid) and os.kill(pid, signal.SIGKILL))
+        self.assertEqual(self.start("orrisd", [program("orrisd")]).wait(), 0)
+        pid = wait_for(nistest.recorded_pid, "the pid file")
         wait_for(lambda: yp_port("udp") and yp_port("tcp"), "the registration")
         with self.client() as client:
             self.assertEqual(client.match("plain", "key"), (1, b"value"))

@@ -1,6 +1,7 @@
 #include "support/TestDirectory.h"
 
 #include <karst/DN.h>
+#include <karst/Exceptions.h>
 #include <karst/LocalRpcSession.h>
 
 #include <algorithm>
