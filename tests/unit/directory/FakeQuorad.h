@@ -4,6 +4,7 @@
 
 #include <karst/LocalRpcSession.h>
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -41,7 +42,7 @@ public:
         std::string domain;
         std::vector<std::string> attributes;
         int scope = -1;
-        bool usersEnded = false;
+        std::function<void()> onBreak; ///< called when a search breaks off
     };
 
     FakeQuorad() : m_daemon(tessa::QUORAD_SOCKET) {
@@ -100,9 +101,6 @@ private:
             return m_state.usersBreak && m_state.users.empty()
                        ? Daemon::failure(Q_UNAVAILABLE, "no more answers")
                        : Daemon::users(request, m_state.usersBreak, take(m_state.users));
-        case Q_USERS_END:
-            m_state.usersEnded = true;
-            return Daemon::done(request);
         case Q_GROUPS_NEXT: {
             std::vector<Daemon::GroupPiece> pieces;
             for (const std::string& name : m_state.groups) {
@@ -156,6 +154,9 @@ private:
 
     std::string search(const q_request& request) {
         if (request.operation == Q_SEARCH_NEXT) {
+            if (m_state.onBreak) {
+                m_state.onBreak();
+            }
             return Daemon::failure(Q_UNAVAILABLE, "the connection broke");
         }
         const q_search& asked = request.q_request_u.search;

@@ -4,8 +4,10 @@
 #include "unit/maps/MapsFixture.h"
 #include "unit/maps/ObjectFeed.h"
 
+#include <atomic>
 #include <random>
 #include <set>
+#include <thread>
 
 namespace {
 
@@ -291,6 +293,31 @@ TEST_F(ExplicitRecordsTest, DerivedMapServesItsLayer) {
     EXPECT_EQ(walk(*derived), both);
     EXPECT_EQ(transfer(*derived), both);
     EXPECT_EQ(derived->getOrder(), map->getOrder());
+}
+
+// Derived maps read without the map's lock, yet a record that is only rewritten is always there.
+TEST_F(ExplicitRecordsTest, RewrittenRecordNeverDisappears) {
+    const auto map = make<nis::ADHostsMap>("hosts");
+    ObjectFeed feed;
+    feed.put("1", "alpha", "10.0.0.1 alpha a0");
+    map->load(feed);
+    const auto derived = map->getDerivedMaps();
+    std::atomic<bool> done{false};
+    std::atomic<int> reads{0};
+    std::thread reader([&] {
+        while (!done) {
+            EXPECT_NO_THROW(derived.front()->match("alpha"));
+            EXPECT_NO_THROW(derived.back()->match("10.0.0.1"));
+            ++reads;
+        }
+    });
+    for (int i = 1; i < 50 || reads < 200; ++i) {
+        ObjectFeed change;
+        change.put("1", "alpha", "10.0.0.1 alpha a" + std::to_string(i));
+        map->apply(change);
+    }
+    done = true;
+    reader.join();
 }
 
 /// What a map must hold for the objects that live: under every key that an object claims the value
