@@ -24,6 +24,7 @@ namespace {
 
 constexpr std::string_view NIS_DOMAIN = "nisdomain=";
 constexpr const char* HIERARCHY = "hierarchy";
+constexpr const char* COMPLETE = "complete"; // the last line of the state file
 constexpr const char* ZONES_CONTAINER = "cn=zones";
 
 boost::shared_ptr<tessa::Logger> logger() {
@@ -206,8 +207,10 @@ void Zones::refresh() {
             m_state = state;
             m_lastFailure.clear();
         }
-        if (changed) {
+        m_saveDue = m_saveDue || changed;
+        if (m_saveDue) {
             save(state);
+            m_saveDue = false;
         }
     } catch (const tessa::IPCException& e) {
         // The directory is away: it is for those who ask it to say so.
@@ -276,6 +279,7 @@ void Zones::save(const State& state) const {
     for (const std::string& dn : state.hierarchy) {
         text += ldif::attributeLine(HIERARCHY, dn);
     }
+    text += ldif::attributeLine(COMPLETE, "yes");
     replaceFile(m_stateFile, text);
 }
 
@@ -298,14 +302,16 @@ void Zones::load() {
             continue;
         }
         for (std::size_t i = 0; i < record.size(); ++i) {
-            state.hierarchy.emplace_back(record.value(i));
+            if (record.name(i) == HIERARCHY) {
+                state.hierarchy.emplace_back(record.value(i));
+            }
+            state.known = record.name(i) == COMPLETE && record.value(i) == "yes";
         }
     }
     tessa::Guid::fromBytes(state.zone.guid()); // refuses what is none
-    if (state.hierarchy.empty()) {
-        TESSA_THROW(tessa::BadDataException, "'" + m_stateFile + "' has no hierarchy");
+    if (!state.known || state.hierarchy.empty()) {
+        TESSA_THROW(tessa::BadDataException, "'" + m_stateFile + "' is not complete");
     }
-    state.known = true;
     const tessa::Lock lock(m_mutex);
     m_state = std::move(state);
 }

@@ -64,6 +64,7 @@ private:
     const std::string m_stateFile;
 
     tessa::Mutex m_refreshMutex; ///< one refresh at a time; taken before m_mutex
+    bool m_saveDue KARST_GUARDED_BY(m_refreshMutex) = false; ///< the file is behind m_state
     tessa::Mutex m_mutex;
     State m_state KARST_GUARDED_BY(m_mutex);
     std::string m_lastFailure KARST_GUARDED_BY(m_mutex); ///< reported once, until it changes

@@ -158,7 +158,8 @@ std::unique_ptr<sqlite::Database> Index::writer() {
 }
 
 void Index::settle(sqlite::Database& writer) {
-    writer.execute("PRAGMA wal_checkpoint(TRUNCATE)");
+    // Not waiting for readers: what they still need stays in the log until the next time.
+    writer.execute("PRAGMA busy_timeout=0; PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
 } // namespace quorad::ldif

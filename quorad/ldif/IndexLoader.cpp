@@ -53,6 +53,7 @@ IndexLoader::IndexLoader(sqlite::Database& writer, std::int64_t now)
                        "VALUES(?, ?, ?, ?, ?, ?)"),
       m_update(writer, "UPDATE node SET guid = ?, usn = ?, body = ? WHERE id = ?"),
       m_strip(writer, "UPDATE node SET guid = NULL, usn = NULL, body = NULL WHERE id = ?"),
+      m_identify(writer, "UPDATE node SET guid = ?, usn = ? WHERE id = ?"),
       m_bury(writer, "INSERT OR REPLACE INTO tombstone(guid, parent, usn, time, dn) "
                      "VALUES(?, ?, ?, ?, ?)"),
       m_unbury(writer, "DELETE FROM tombstone WHERE guid = ? AND parent = ?"),
@@ -82,10 +83,14 @@ void IndexLoader::add(const LdifRecord& record) {
     if (!findNode(parent, m_component, m_stored)) {
         m_stored.id = 0;
         m_stored.isObject = false;
-    } else if (isSeen(m_stored.id)) {
+    } else if (isMarked(m_seen, m_stored.id)) {
         TESSA_THROW(tessa::BadDataException, "a second record of '" + record.dn + "'");
     }
     place(record, parent, m_stored);
+    mark(m_seen, m_stored.id);
+    if (!m_fileGuid.empty()) {
+        mark(m_stated, m_stored.id);
+    }
     ++m_summary.objects;
 }
 
@@ -190,27 +195,26 @@ bool IndexLoader::findNode(std::int64_t parent, std::string_view component, Stor
     return true;
 }
 
-bool IndexLoader::isSeen(std::int64_t id) const {
+bool IndexLoader::isMarked(const std::vector<bool>& marks, std::int64_t id) {
     const auto index = static_cast<std::size_t>(id);
-    return index < m_seen.size() && m_seen[index];
+    return index < marks.size() && marks[index];
 }
 
-void IndexLoader::markSeen(std::int64_t id, const LdifRecord& record) {
+void IndexLoader::mark(std::vector<bool>& marks, std::int64_t id) const {
     const auto index = static_cast<std::size_t>(id);
     if (id < 0 || id > m_nextId) {
-        TESSA_THROW(sqlite::Damaged, "the index has a bad number for '" + record.dn + "'");
+        TESSA_THROW(sqlite::Damaged, "the index has a node with a bad number");
     }
-    if (index >= m_seen.size()) {
-        m_seen.resize(std::max<std::size_t>(index + 1, m_seen.size() * 2));
+    if (index >= marks.size()) {
+        marks.resize(std::max<std::size_t>(index + 1, marks.size() * 2));
     }
-    m_seen[index] = true;
+    marks[index] = true;
 }
 
 // Puts the record's object where its name says.
 void IndexLoader::place(const LdifRecord& record, std::int64_t parent, Stored& stored) {
     const bool sameObject = stored.isObject && (m_fileGuid.empty() || m_fileGuid == stored.guid);
     if (sameObject && stored.body == m_body && m_fileUsn <= stored.usn) {
-        markSeen(stored.id, record);
         return;
     }
     if (!sameObject) {
@@ -228,7 +232,6 @@ void IndexLoader::place(const LdifRecord& record, std::int64_t parent, Stored& s
         ++m_summary.changed;
     }
     store(record, parent, stored);
-    markSeen(stored.id, record);
 }
 
 // An object that the file states the GUID of may have had another name.
@@ -245,12 +248,20 @@ void IndexLoader::takeFromElsewhere(std::int64_t id, std::string_view guid) {
     if (holder == id) {
         return;
     }
-    if (isSeen(holder)) {
+    if (!isMarked(m_seen, holder)) {
+        entomb(holder);
+        return;
+    }
+    if (isMarked(m_stated, holder)) {
         TESSA_THROW(tessa::BadDataException, "the objectGUID " +
                                                  tessa::Guid::fromBytes(guid).toString() +
                                                  " belongs to an object further up");
     }
-    entomb(holder);
+    // What the file states goes before what was kept by name: that object is another one now.
+    bury(holder);
+    const std::string fresh = freshGuid();
+    m_identify.bind(1, fresh).bind(2, nextUsn()).bind(3, holder).run();
+    ++m_summary.added;
 }
 
 // A number that the file states is taken when nobody can have read past it.
@@ -321,8 +332,8 @@ std::string IndexLoader::freshGuid() {
     return guid;
 }
 
-// Turns an object into a bare node, and remembers that it was there.
-void IndexLoader::entomb(std::int64_t id) {
+// Remembers that the object was where it is.
+void IndexLoader::bury(std::int64_t id) {
     std::int64_t parent = 0;
     std::string guid;
     std::string dn;
@@ -337,6 +348,11 @@ void IndexLoader::entomb(std::int64_t id) {
         dn = BodyReader(m_row.bytes(2)).dn();
     }
     m_bury.bind(1, guid).bind(2, parent).bind(3, nextUsn()).bind(4, m_now).bind(5, dn).run();
+}
+
+// The same, and leaves a bare node behind.
+void IndexLoader::entomb(std::int64_t id) {
+    bury(id);
     m_strip.bind(1, id).run();
     m_deleteAccount.bind(1, id).run();
     m_accountsChanged = true;
@@ -349,7 +365,7 @@ void IndexLoader::removeVanished() {
         sqlite::Statement all(m_database, "SELECT id FROM node INDEXED BY node_usn "
                                           "WHERE guid IS NOT NULL");
         while (all.step()) {
-            if (!isSeen(all.number(0))) {
+            if (!isMarked(m_seen, all.number(0))) {
                 vanished.push_back(all.number(0));
             }
         }

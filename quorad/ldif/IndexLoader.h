@@ -68,8 +68,8 @@ private:
     std::int64_t parentNode(std::string_view dn, unsigned depth);
     std::int64_t makeNode(std::int64_t parent, std::string_view component);
     bool findNode(std::int64_t parent, std::string_view component, Stored& stored);
-    void markSeen(std::int64_t id, const LdifRecord& record);
-    bool isSeen(std::int64_t id) const;
+    static bool isMarked(const std::vector<bool>& marks, std::int64_t id);
+    void mark(std::vector<bool>& marks, std::int64_t id) const;
 
     void place(const LdifRecord& record, std::int64_t parent, Stored& stored);
     void takeFromElsewhere(std::int64_t id, std::string_view guid);
@@ -79,6 +79,7 @@ private:
     std::int64_t nextUsn() { return ++m_counter; }
     std::int64_t usnOfRecord();
 
+    void bury(std::int64_t id);
     void entomb(std::int64_t id);
     void removeVanished();
     void pruneTombstones();
@@ -98,7 +99,8 @@ private:
     std::int64_t m_nextId = 0;
     bool m_accountsChanged = false;
 
-    std::vector<bool> m_seen; ///< by node
+    std::vector<bool> m_seen;   ///< by node: has a record
+    std::vector<bool> m_stated; ///< by node: the record has a GUID
     Parent m_parent;
     bool m_hasRoot = false;
     std::string m_server;
@@ -121,6 +123,7 @@ private:
     sqlite::Statement m_insert;
     sqlite::Statement m_update;
     sqlite::Statement m_strip;
+    sqlite::Statement m_identify;
     sqlite::Statement m_bury;
     sqlite::Statement m_unbury;
     sqlite::Statement m_insertAccount;

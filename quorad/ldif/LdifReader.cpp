@@ -78,14 +78,13 @@ bool LdifReader::fillBuffer() {
     return !m_sourceEnded;
 }
 
-bool LdifReader::startOfText() {
+void LdifReader::startOfText() {
     while (m_end - m_begin < BYTE_ORDER_MARK.size() && fillBuffer()) {
     }
     const std::string_view text(m_buffer.data() + m_begin, m_end - m_begin);
     if (text.substr(0, BYTE_ORDER_MARK.size()) == BYTE_ORDER_MARK) {
         m_begin += BYTE_ORDER_MARK.size();
     }
-    return m_begin < m_end;
 }
 
 // The next line without its end; `continues` tells whether the line behind it belongs to it.
@@ -126,8 +125,8 @@ bool LdifReader::physicalLine(std::string_view& line, bool& continues) {
 bool LdifReader::logicalLine() {
     m_lineNumber = m_nextNumber;
     bool continues = false;
-    if (m_lineNumber == 1 && !startOfText()) {
-        return false;
+    if (m_lineNumber == 1) {
+        startOfText();
     }
     if (!physicalLine(m_line, continues)) {
         return false;

@@ -70,7 +70,7 @@ public:
 
 private:
     bool fillBuffer();
-    bool startOfText();
+    void startOfText();
     bool physicalLine(std::string_view& line, bool& continues);
     bool logicalLine();
     bool nextBlock();
