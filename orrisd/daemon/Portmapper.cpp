@@ -110,7 +110,7 @@ std::optional<unsigned> registeredPort(int protocol) {
     return result == RPC_SUCCESS ? std::optional<unsigned>(port) : std::nullopt;
 }
 
-void keepRegistered(const Protocol& protocol) {
+void restoreRegistration(const Protocol& protocol) {
     const unsigned own = boundPort(protocol.socket);
     const std::optional<unsigned> registered = registeredPort(protocol.number);
     if (own == 0 || !registered || *registered != 0) {
@@ -124,7 +124,8 @@ void keepRegistered(const Protocol& protocol) {
 } // namespace
 
 const char* rpcFailureText() {
-    return clnt_sperrno(rpc_createerr.cf_stat);
+    const clnt_stat status = rpc_createerr.cf_stat;
+    return status == RPC_SUCCESS ? "refused by the portmapper" : clnt_sperrno(status);
 }
 
 bool registerService(int protocol, unsigned port) {
@@ -161,8 +162,12 @@ void keepRegistered() {
         return;
     }
     nextCheck = now + CHECK_INTERVAL;
+    restoreRegistrations();
+}
+
+void restoreRegistrations() {
     for (const Protocol& protocol : PROTOCOLS) {
-        keepRegistered(protocol);
+        restoreRegistration(protocol);
     }
 }
 

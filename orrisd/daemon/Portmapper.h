@@ -19,6 +19,9 @@ void VerifyPorts();
 /// every 15 seconds and gives up soon when there is no answer. For one thread.
 void keepRegistered();
 
+/// The same at once, without regard to when it last asked.
+void restoreRegistrations();
+
 /// The RPC library's text for its last failure on this thread.
 const char* rpcFailureText();
 

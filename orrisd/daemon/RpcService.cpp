@@ -1,5 +1,6 @@
 #include "daemon/RpcService.h"
 
+#include "common/ConfigKeys.h"
 #include "common/Globals.h"
 #include "daemon/Portmapper.h"
 #include "daemon/RequestGate.h"
@@ -10,7 +11,11 @@
 #include <karst/Exceptions.h>
 #include <karst/Text.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <string>
 
 #include <netinet/in.h>
 
@@ -50,6 +55,23 @@ std::unique_ptr<ServiceLoop> createLoop() {
 }
 
 } // namespace
+
+int listenerThreads() {
+    const std::string setting = getConfig()->get(PROP_THREADS);
+    int count = DEFAULT_THREADS;
+    if (!setting.empty()) {
+        const long number = std::strtol(setting.c_str(), nullptr, 10);
+        count = static_cast<int>(std::clamp<long>(number, INT_MIN, INT_MAX));
+        if (count <= 0) {
+            KARST_LOG(logger, tessa::LOG_WARN,
+                      "%s is set to invalid number: %d, should be restored to default: %d",
+                      PROP_THREADS, count, DEFAULT_THREADS);
+            count = DEFAULT_THREADS;
+        }
+    }
+    KARST_LOG(logger, tessa::LOG_DEBUGGING, "RunServer: %s=%d", PROP_THREADS, count);
+    return count;
+}
 
 RpcService::RpcService() : m_loop(createLoop()), m_readyForMain(m_ready.get_future()) {}
 

@@ -10,6 +10,9 @@ namespace nis {
 
 class ServiceLoop;
 
+/// Number of listener threads that the configuration wants; at least 1.
+int listenerThreads();
+
 /// The listener threads and the transports that they share. Belongs to the main thread, which makes
 /// it once the sockets are prepared and closes the sockets after it is gone.
 class RpcService {

@@ -17,10 +17,7 @@
 
 #include <boost/make_shared.hpp>
 
-#include <algorithm>
-#include <climits>
 #include <csignal>
-#include <cstdlib>
 #include <string>
 
 #include <unistd.h>
@@ -63,23 +60,6 @@ void createServer(const std::string& domain, bool flush) {
     } else {
         KARST_LOG(logger, tessa::LOG_DEBUGGING, "NIS no cached maps");
     }
-}
-
-int listenerThreads() {
-    const std::string setting = getConfig()->get(PROP_THREADS);
-    int count = DEFAULT_THREADS;
-    if (!setting.empty()) {
-        const long number = std::strtol(setting.c_str(), nullptr, 10);
-        count = static_cast<int>(std::clamp<long>(number, INT_MIN, INT_MAX));
-        if (count <= 0) {
-            KARST_LOG(logger, tessa::LOG_WARN,
-                      "%s is set to invalid number: %d, should be restored to default: %d",
-                      PROP_THREADS, count, DEFAULT_THREADS);
-            count = DEFAULT_THREADS;
-        }
-    }
-    KARST_LOG(logger, tessa::LOG_DEBUGGING, "RunServer: %s=%d", PROP_THREADS, count);
-    return count;
 }
 
 void serve(RpcService& service) {
