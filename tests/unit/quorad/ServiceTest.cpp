@@ -519,7 +519,7 @@ TEST_F(AccountsOfServiceTest, SingleAccountsAreFound) {
 }
 
 TEST_F(AccountsOfServiceTest, SingleGroupLargerThanAMessageIsAClearAnswer) {
-    addGroup("huge", 600000, 20);
+    addGroup("huge", 250000, 40);
     q_request request = requestFor(Q_GROUP);
     request.q_request_u.group_name = messages::bytes("huge");
     const auto taken = send(request);
@@ -554,7 +554,7 @@ protected:
 TEST_F(RoundTripTest, GroupsOfAnySizeArriveWhole) {
     addGroup("a", 3);
     addGroup("b", 0);
-    addGroup("c", 1000000, 12); // twice as large as a frame
+    addGroup("c", 250000, 40); // larger than a frame
     addGroup("d", 70000, 8);
     addGroup("e", 1);
     m_session->startListGroup(false);
