@@ -80,6 +80,9 @@ public:
     boost::shared_ptr<NisMap> findMap(const std::string& name) const;
     /// Of the map that is due first; the largest value for an empty set.
     std::time_t getNextUpdateTime() const;
+    /// Whether the last update made every map that the server has: none was left out because the
+    /// disk was full.
+    bool isComplete() const { return m_complete; }
     /// When the set was last made current; 0 for an empty set.
     std::time_t getLastCurrentTime() const;
 
@@ -143,6 +146,7 @@ private:
     mutable tessa::Mutex m_mapProtect;
     NisMaps m_nisMaps KARST_GUARDED_BY(m_mapProtect);
     std::time_t m_switchDetected = 0; ///< main thread; 0: no switch is pending
+    bool m_complete = true;           ///< main thread
     std::atomic<std::time_t> m_lastCurrentTime{0};
 };
 

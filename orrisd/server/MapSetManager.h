@@ -93,11 +93,11 @@ private:
     using SetList = std::list<boost::shared_ptr<MapSet>>; ///< most recently current first
     using Orders = std::map<std::string, unsigned int>;
 
-    /// What became of the sets in an update.
+    /// What became of the sets in an update. One that lacks some maps is in both.
     struct Outcome {
         MapSets updated;
         MapSets failed;
-        std::exception_ptr first;
+        std::exception_ptr first; ///< null when nothing was thrown
     };
 
     boost::shared_ptr<NisMap> findMap(const std::string& name) const;

@@ -84,6 +84,9 @@ void MapSetManager::updateSet(const boost::shared_ptr<MapSet>& set, bool rebuild
         set->update(rebuild, refresh);
         set->updateSnapshots();
         outcome.updated.insert(set);
+        if (!set->isComplete()) {
+            outcome.failed.insert(set);
+        }
     } catch (...) {
         outcome.failed.insert(set);
         if (!outcome.first) {
@@ -92,7 +95,7 @@ void MapSetManager::updateSet(const boost::shared_ptr<MapSet>& set, bool rebuild
     }
 }
 
-/// A set that failed must not take the place of one that serves.
+/// A set that failed, wholly or in part, must not take the place of one that serves.
 bool MapSetManager::mayMakeCurrent(const Outcome& outcome) const {
     const auto current = currentSets();
     const bool allServe =
@@ -203,7 +206,12 @@ void MapSetManager::discardOldest() {
         kept.insert(getMapSet(server));
     }
     SetList sets = allSets();
-    sets.sort(MostRecentToFront());
+    // Times are in seconds; what serves now is the most recent in any case.
+    sets.sort([&current](const auto& a, const auto& b) {
+        const bool aServes = current->count(a) != 0;
+        const bool bServes = current->count(b) != 0;
+        return aServes != bServes ? aServes : MostRecentToFront()(a, b);
+    });
     for (auto place = sets.end();
          place != sets.begin() && static_cast<long>(sets.size()) > limit;) {
         --place;

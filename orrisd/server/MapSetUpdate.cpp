@@ -144,6 +144,7 @@ void MapSet::adjustMaps(std::list<NewMap>& newMaps, std::list<std::string>& vani
             refreshMap(*map, usn, rebuild);
         }
     }
+    m_complete = true;
     for (const NewMap& newMap : newMaps) {
         makeNewMap(newMap, usn);
     }
@@ -180,6 +181,7 @@ void MapSet::makeNewMap(const NewMap& newMap, tessa::Int64 usn) {
         if (cacheFolderIsGone()) {
             throw;
         }
+        m_complete = false;
         warnOfDisk("initialize", name, e, "");
     }
 }

@@ -1,0 +1,424 @@
+// Updates of the maps from a real directory.
+#include "unit/server/ServerFixture.h"
+
+#include <atomic>
+#include <thread>
+
+#include <sys/mount.h>
+#include <unistd.h>
+
+namespace {
+
+using T = test::TestDirectory;
+using Names = std::vector<std::string>;
+
+class MapSetUpdateTest : public test::DirectoryFixture {
+protected:
+    void start(const std::string& ldif) {
+        startDirectory(ldif);
+        m_server = makeServer();
+    }
+    std::string update(bool rebuild, bool refresh) {
+        return logOf([&] { m_server->update(rebuild, refresh); });
+    }
+    std::string refresh() { return update(false, true); }
+    Names list() const { return mapList(*m_server); }
+    std::string value(const char* map, const std::string& key) const {
+        try {
+            return m_server->match(DOMAIN, map, key).value;
+        } catch (const nis::UnknownKey&) {
+            return "(no key)";
+        } catch (const nis::UnknownMap&) {
+            return "(no map)";
+        }
+    }
+
+    std::unique_ptr<nis::ADNisServer> m_server;
+    const Names m_all{"auto.home",    "group.bygid",  "group.byname",  "hosts",
+                      "hosts.byaddr", "hosts.byname", "passwd.byname", "passwd.byuid"};
+};
+
+TEST_F(MapSetUpdateTest, TheFirstUpdateBringsAllMapsIntoService) {
+    start(company());
+    EXPECT_TRUE(list().empty());
+    const std::string log = update(false, false);
+    EXPECT_EQ(list(), m_all);
+    EXPECT_EQ(value("hosts.byname", "a"), "10.0.0.1 a");
+    EXPECT_EQ(value("hosts.byaddr", "10.0.0.2"), "10.0.0.2 b");
+    EXPECT_EQ(value("auto.home", "ann"), "srv:/home/ann");
+    EXPECT_TRUE(has(value("passwd.byname", "ann"), "ann:"));
+    EXPECT_EQ(value("group.bygid", "100"), value("group.byname", "staff"));
+    EXPECT_TRUE(has(log, "New map 'hosts' discovered on server dc1.example.com"));
+    EXPECT_TRUE(has(log, "Installing new well known map 'hosts', server dc1.example.com"));
+    EXPECT_TRUE(has(log, "Installing new map 'auto.home', server dc1.example.com"));
+    EXPECT_TRUE(has(log, "New map 'passwd' scheduled for creation"));
+    EXPECT_NE(m_server->getLastUpdateTime(), 0);
+    EXPECT_GT(m_server->getNextUpdateTime(), std::time(nullptr));
+}
+
+TEST_F(MapSetUpdateTest, AMapThatVanishesGoesWithItsDerivedMaps) {
+    start(company());
+    refresh();
+    m_server->getAll(DOMAIN, "hosts.byname");
+    ASSERT_TRUE(exists("dom:hosts:dc1.example.com.map"));
+    m_directory->replace(T::base() + T::map("auto.home") +
+                         T::entry("auto.home", "e1", "ann", "srv:/home/ann") +
+                         T::user("ann", 1000, 100) + T::group("staff", 100, {"ann"}));
+    const std::string log = update(false, false);
+    EXPECT_TRUE(has(log, "Deleting map 'hosts'. No longer on server dc1.example.com"));
+    EXPECT_TRUE(has(log, "Uninstall map 'hosts.byaddr', server dc1.example.com"));
+    EXPECT_EQ(value("hosts.byname", "a"), "(no map)");
+    EXPECT_EQ(value("auto.home", "ann"), "srv:/home/ann");
+    EXPECT_EQ(files(".map").size(), 3U);
+    EXPECT_TRUE(files(".snap").empty());
+    m_directory->replace(company());
+    update(false, false);
+    EXPECT_EQ(list(), m_all);
+}
+
+TEST_F(MapSetUpdateTest, WithoutAnyMapTheServerSaysSo) {
+    start(company());
+    refresh();
+    m_directory->replace(T::base() + T::user("ann", 1000, 100));
+    const std::string log = refresh();
+    EXPECT_TRUE(has(log, "No NIS maps found on server dc1.example.com"));
+    EXPECT_TRUE(has(value("passwd.byname", "ann"), "ann:"));
+    EXPECT_EQ(value("hosts.byname", "a"), "(no map)");
+}
+
+TEST_F(MapSetUpdateTest, AMapThatIsNotDueIsLeftAlone) {
+    start(company());
+    refresh();
+    m_directory->replace(company() + T::entry("auto.home", "e2", "bob", "srv:/home/bob"));
+    const std::string log = update(false, false);
+    EXPECT_FALSE(has(log, "Beginning update"));
+    EXPECT_EQ(value("auto.home", "bob"), "(no key)");
+    refresh();
+    EXPECT_EQ(value("auto.home", "bob"), "srv:/home/bob");
+}
+
+TEST_F(MapSetUpdateTest, ADueMapIsUpdatedByItself) {
+    configure({{"nisd.update.interval.auto.home", "1"}});
+    start(company());
+    refresh();
+    m_directory->replace(company() + T::entry("auto.home", "e2", "bob", "srv:/home/bob") +
+                         T::entry("hosts", "h3", "c", "10.0.0.3 c"));
+    const std::time_t limit = std::time(nullptr) + 60;
+    while (value("auto.home", "bob") == "(no key)" && std::time(nullptr) < limit) {
+        update(false, false);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(value("auto.home", "bob"), "srv:/home/bob");
+    EXPECT_EQ(value("hosts.byname", "c"), "(no key)");
+}
+
+TEST_F(MapSetUpdateTest, ARebuildReadsEveryMapAgain) {
+    start(company());
+    refresh();
+    const std::string log = update(true, true);
+    EXPECT_TRUE(has(log, "Beginning rebuild for map 'auto.home', server dc1.example.com"));
+    EXPECT_TRUE(has(log, "Beginning rebuild for map 'hosts', server dc1.example.com"));
+    EXPECT_TRUE(has(log, "Data has not changed for map 'passwd', server .GLOBAL"));
+    EXPECT_EQ(list(), m_all);
+    EXPECT_EQ(value("hosts.byname", "a"), "10.0.0.1 a");
+}
+
+TEST_F(MapSetUpdateTest, ExcludedMapsAreNotInstalledAndComeBackWhenPermitted) {
+    configure({{"nisd.exclude.maps", "auto.home hosts.byaddr passwd.byuid"}});
+    start(company());
+    const std::string log = refresh();
+    EXPECT_TRUE(has(log, "Ignoring map 'auto.home' from server dc1.example.com (as configured)"));
+    EXPECT_EQ(list(),
+              (Names{"group.bygid", "group.byname", "hosts", "hosts.byname", "passwd.byname"}));
+    configure({});
+    m_server->reconfigure();
+    update(false, false);
+    EXPECT_EQ(list(), m_all) << "derived maps of installed ones, too";
+    EXPECT_EQ(value("hosts.byaddr", "10.0.0.1"), "10.0.0.1 a");
+    configure({{"nisd.exclude.maps", "auto.home hosts.byaddr passwd.byuid"}});
+    m_server->reconfigure();
+    EXPECT_EQ(value("auto.home", "ann"), "(no map)");
+    EXPECT_EQ(value("hosts.byaddr", "10.0.0.1"), "(no map)");
+    EXPECT_FALSE(exists("dom:auto.home:dc1.example.com.map"));
+    refresh();
+    EXPECT_EQ(value("auto.home", "ann"), "(no map)");
+}
+
+TEST_F(MapSetUpdateTest, OnlyPermittedMapsAreInstalled) {
+    configure({{"nisd.maps", "auto.home"}});
+    start(company());
+    const std::string log = refresh();
+    EXPECT_EQ(list(), Names{"auto.home"});
+    EXPECT_EQ(files(".map"), Names{"dom:auto.home:dc1.example.com.map"});
+    EXPECT_TRUE(has(log, "Ignoring map 'hosts' from server dc1.example.com (as configured)"));
+    EXPECT_TRUE(has(log, "Ignoring map 'passwd' (as configured)"));
+    EXPECT_NE(m_server->getLastUpdateTime(), 0);
+}
+
+TEST_F(MapSetUpdateTest, AnExcludedMapStaysForTheMapsThatAreMadeOfIt) {
+    start(company());
+    refresh();
+    configure({{"nisd.exclude.maps", "hosts passwd"}});
+    m_server->reconfigure();
+    m_directory->replace(company() + T::entry("hosts", "h3", "c", "10.0.0.3 c"));
+    refresh();
+    EXPECT_EQ(value("hosts.byname", "c"), "10.0.0.3 c");
+    EXPECT_EQ(value("hosts", "c"), "(no map)");
+    EXPECT_TRUE(has(value("passwd.byname", "ann"), "ann:"));
+}
+
+TEST_F(MapSetUpdateTest, TheNetgroupsAreReadForTheirInversionsAlone) {
+    configure({{"nisd.maps", "netgroup.byhost"}});
+    start(company() + T::map("netgroup") + T::entry("netgroup", "g", "g", "(h,u,d)"));
+    refresh();
+    EXPECT_EQ(list(), Names{"netgroup.byhost"});
+    EXPECT_EQ(value("netgroup.byhost", "h.d"), "g");
+}
+
+TEST_F(MapSetUpdateTest, NamesThatCannotBePartOfAFileNameAreRefused) {
+    const std::string tooLong(210, 'x');
+    start(company() + T::map("a/b") + T::map("..") + T::map(tooLong) + T::map("../../tmp/escaped"));
+    const std::string log = refresh();
+    EXPECT_EQ(list(), m_all);
+    for (const std::string& name : {std::string("a/b"), std::string(".."), tooLong}) {
+        EXPECT_TRUE(has(log, "Name of map '" + name +
+                                 "' from server dc1.example.com cannot be part of a file name. "
+                                 "Ignoring."))
+            << name;
+    }
+    EXPECT_FALSE(exists("/tmp/escaped"));
+}
+
+TEST_F(MapSetUpdateTest, DerivedMapsAreNotReadFromTheDirectory) {
+    start(company() + T::map("hosts.byname") + T::entry("hosts.byname", "x", "x", "explicit"));
+    refresh();
+    const std::string log = refresh();
+    EXPECT_TRUE(
+        has(log, "Ignoring map 'hosts.byname' from server dc1.example.com: disallowed map"));
+    EXPECT_EQ(list(), m_all);
+    EXPECT_EQ(value("hosts.byname", "a"), "10.0.0.1 a");
+    EXPECT_EQ(value("hosts.byname", "x"), "(no key)");
+    EXPECT_FALSE(exists("dom:hosts.byname:dc1.example.com.map"));
+}
+
+TEST_F(MapSetUpdateTest, AMapOfTheNearerZoneHidesThatOfTheZoneAbove) {
+    const std::string child = "CN=unit," + std::string(ZONE);
+    const std::string both = company() + T::container(child) + T::container("CN=nismaps," + child) +
+                             T::map("auto.data", child) +
+                             T::entry("auto.data", "d", "d", "of the child", child);
+    const std::string hiding =
+        both + T::map("auto.home", child) + T::entry("auto.home", "x", "ann", "near", child);
+    startDirectory(hiding, child);
+    m_server = makeServer();
+    refresh();
+    EXPECT_EQ(value("auto.home", "ann"), "near");
+    EXPECT_EQ(value("auto.data", "d"), "of the child");
+    EXPECT_EQ(value("hosts.byname", "a"), "10.0.0.1 a") << "inherited";
+    const auto order = m_server->getOrder(DOMAIN, "auto.home");
+    m_directory->replace(both);
+    refresh();
+    EXPECT_EQ(value("auto.home", "ann"), "srv:/home/ann") << "now that of the zone above";
+    EXPECT_GT(m_server->getOrder(DOMAIN, "auto.home"), order);
+    EXPECT_EQ(files("auto.home:dc1.example.com.1.map").size() +
+                  files("auto.home:dc1.example.com.map").size(),
+              1U);
+    m_directory->replace(hiding);
+    update(false, false);
+    EXPECT_EQ(value("auto.home", "ann"), "near");
+}
+
+TEST_F(MapSetUpdateTest, DataOfAnotherServerIsNeverMixedIn) {
+    start(company());
+    refresh();
+    const auto set = boost::make_shared<nis::MapSet>(DOMAIN, T::SERVER);
+    // The other server takes over after the zones were looked at.
+    m_directory->replace(company("dc2.example.com") +
+                         T::entry("auto.home", "e2", "bob", "srv:/home/bob"));
+    try {
+        set->update(false, true);
+        FAIL() << "data of another server was taken";
+    } catch (const nis::ServerMismatch& e) {
+        EXPECT_STREQ(e.what(), "Data is from different server");
+        EXPECT_EQ(e.arg(), "dc2.example.com");
+    }
+    EXPECT_TRUE(set->getMapList()->empty());
+}
+
+TEST_F(MapSetUpdateTest, AServerThatNobodyKnowsHasNotLostItsMaps) {
+    start(company());
+    refresh();
+    nis::MapSet set(DOMAIN, "dc9.example.com");
+    EXPECT_THROW(set.update(false, true), tessa::IPCException);
+}
+
+TEST_F(MapSetUpdateTest, ACacheOfAnotherPlaceInTheHierarchyIsDeleted) {
+    startDirectory(company());
+    save({"auto.data", T::SERVER});
+    Saved saved{"auto.home", T::SERVER};
+    saved.hierarchy = "CN=moved," + std::string(ZONE);
+    const std::string file = save(saved);
+    const std::string present = nis::getADInterface()->getZoneHierarchy();
+    saved = {"auto.master", T::SERVER};
+    saved.hierarchy = present;
+    save(saved);
+    const std::string log = logOf([&] { m_server = makeServer(); });
+    EXPECT_FALSE(exists(file));
+    EXPECT_TRUE(has(log, "Discarding cache " + file + ": other zone hierarchy"));
+    EXPECT_EQ(list(),
+              (present == HIERARCHY ? Names{"auto.data", "auto.master"} : Names{"auto.master"}));
+}
+
+TEST_F(MapSetUpdateTest, RestartsGoOnFromTheCaches) {
+    start(company());
+    refresh();
+    m_server->getAll(DOMAIN, "auto.home");
+    m_server.reset();
+    const Names snapshots = files(".snap");
+    ASSERT_EQ(snapshots.size(), 1U);
+    m_server = makeServer();
+    EXPECT_EQ(list(), m_all);
+    EXPECT_EQ(files(".snap"), snapshots);
+    EXPECT_EQ(value("auto.home", "ann"), "srv:/home/ann");
+    const std::string log = refresh();
+    EXPECT_TRUE(has(log, "Skipping update for map 'auto.home'"));
+    EXPECT_TRUE(has(log, "Data has not changed for map 'passwd'"));
+    EXPECT_EQ(list(), m_all);
+}
+
+TEST_F(MapSetUpdateTest, AFlushReadsEverythingAgain) {
+    start(company());
+    refresh();
+    m_server.reset();
+    m_server = makeServer(true);
+    EXPECT_TRUE(list().empty());
+    const std::string log = refresh();
+    EXPECT_TRUE(has(log, "Beginning initial load for map 'auto.home'"));
+    EXPECT_EQ(list(), m_all);
+}
+
+TEST_F(MapSetUpdateTest, RequestsAreAnsweredDuringUpdates) {
+    start(company());
+    refresh();
+    std::atomic<bool> done{false};
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> clients;
+    for (const char* map : {"hosts.byname", "hosts.byaddr"}) {
+        clients.emplace_back([&, map] {
+            const std::string key = std::string(map) == "hosts.byname" ? "a" : "10.0.0.1";
+            while (!done) {
+                wrong += value(map, key) == "10.0.0.1 a" ? 0 : 1;
+                wrong += transferOf(*m_server, map).count(key) == 1 ? 0 : 1;
+                list();
+            }
+        });
+    }
+    for (int i = 0; i < 10; ++i) {
+        m_directory->replace(company() + T::entry("hosts", "n", "n" + std::to_string(i),
+                                                  "10.1.0.1 n" + std::to_string(i)));
+        m_server->update(i == 5, true);
+    }
+    done = true;
+    for (std::thread& client : clients) {
+        client.join();
+    }
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(value("hosts.byname", "n9"), "10.1.0.1 n9");
+}
+
+/// A cache folder that can be filled up.
+class FullDiskTest : public MapSetUpdateTest {
+protected:
+    void SetUp() override {
+        std::filesystem::create_directory("small");
+        ASSERT_EQ(mount("tmpfs", "small", "tmpfs", 0, "size=2m"), 0);
+        std::filesystem::current_path("small");
+    }
+    void TearDown() override {
+        m_server.reset();
+        std::filesystem::current_path(m_folder.path());
+        EXPECT_EQ(umount2("small", MNT_DETACH), 0);
+    }
+    /// Leaves that much room.
+    static void fill(std::uintmax_t room) {
+        const std::uintmax_t free = std::filesystem::space(".").available;
+        std::filesystem::create_directory("ballast");
+        test::writeFile("ballast/file", std::string(free - room - 4096, 'x'));
+    }
+    static void makeRoom() { std::filesystem::remove_all("ballast"); }
+    static std::string bigMap(const std::string& name) {
+        std::string ldif = T::map(name);
+        for (int i = 0; i < 300; ++i) {
+            const std::string key = "key" + std::to_string(i);
+            ldif += T::entry(name, key, key, std::string(900, 'v'));
+        }
+        return ldif;
+    }
+};
+
+TEST_F(FullDiskTest, AMapWithoutRoomIsLeftOutAndTheOthersAreServed) {
+    configure({{"nisd.maps", "auto.big auto.home auto.last"}});
+    start(company() + bigMap("auto.big") + T::map("auto.last") +
+          T::entry("auto.last", "z", "z", "last"));
+    fill(200000);
+    const std::string log = refresh();
+    EXPECT_TRUE(has(log, "Failed to initialize map 'auto.big' (disk space low?): Bad Cache File:"));
+    EXPECT_EQ(list(), (Names{"auto.home", "auto.last"}));
+    EXPECT_TRUE(files("auto.big:dc1.example.com.map").empty()) << "no half cache stays";
+    makeRoom();
+    refresh();
+    EXPECT_EQ(list(), (Names{"auto.big", "auto.home", "auto.last"}));
+    EXPECT_EQ(transferOf(*m_server, "auto.big").size(), 300U);
+}
+
+TEST_F(FullDiskTest, AMapThatCannotBeUpdatedKeepsItsDataAndTheOthersGoOn) {
+    configure({{"nisd.maps", "auto.home auto.last"}});
+    const std::string before =
+        company() + T::map("auto.last") + T::entry("auto.last", "z", "z", "last");
+    start(before);
+    refresh();
+    fill(60000);
+    std::string more;
+    for (int i = 0; i < 300; ++i) {
+        const std::string key = "key" + std::to_string(i);
+        more += T::entry("auto.home", key, key, std::string(900, 'v'));
+    }
+    m_directory->replace(before + more + T::entry("auto.last", "y", "y", "new"));
+    const std::string log = refresh();
+    EXPECT_TRUE(has(log, "Failed to update map 'auto.home' (disk space low?): "));
+    EXPECT_TRUE(has(log, ". Skipping"));
+    EXPECT_EQ(value("auto.home", "ann"), "srv:/home/ann");
+    EXPECT_EQ(value("auto.last", "y"), "new");
+    makeRoom();
+    refresh();
+    EXPECT_EQ(transferOf(*m_server, "auto.home").size(), 301U);
+}
+
+TEST_F(FullDiskTest, ASetThatLacksMapsDoesNotReplaceOneThatServes) {
+    configure({{"nisd.maps", "auto.home auto.big"}, {"nisd.server.switch.delay", "-1"}});
+    start(company() + bigMap("auto.big"));
+    refresh();
+    ASSERT_EQ(list(), (Names{"auto.big", "auto.home"}));
+    fill(200000);
+    m_directory->replace(company("dc2.example.com") + bigMap("auto.big") +
+                         T::entry("auto.home", "e2", "bob", "srv:/home/bob"));
+    EXPECT_THROW(m_server->update(false, true), tessa::TESSAException); // detected
+    const std::string log = refresh();
+    EXPECT_TRUE(has(log, "Failed to initialize map 'auto.big' (disk space low?): "));
+    EXPECT_EQ(transferOf(*m_server, "auto.big").size(), 300U);
+    EXPECT_EQ(value("auto.home", "bob"), "(no key)");
+    makeRoom();
+    refresh();
+    EXPECT_EQ(transferOf(*m_server, "auto.big").size(), 300U);
+    EXPECT_EQ(value("auto.home", "bob"), "srv:/home/bob");
+}
+
+TEST_F(MapSetUpdateTest, AFolderThatIsGoneEndsTheUpdate) {
+    start(company());
+    refresh();
+    std::filesystem::remove_all(m_folder.path());
+    m_directory->replace(company() + T::map("auto.new"));
+    EXPECT_THROW(m_server->update(false, true), nis::FileSystemError);
+    EXPECT_EQ(value("auto.home", "ann"), "srv:/home/ann");
+}
+
+} // namespace
