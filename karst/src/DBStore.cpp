@@ -83,11 +83,10 @@ DBStore::DBStore() : m_impl(std::make_unique<Impl>()) {}
 
 DBStore::~DBStore() {
     try {
-        close();
+        DBStore::close(); // waits for a closeAll() under way, which may be at this store
     } catch (const std::exception& e) {
         KARST_LOG(Logger::get("karst"), LOG_WARN, "Closing store %s", e.what());
     }
-    strikeOff(this); // also when closed through closeAll(), which may be under way
 }
 
 void DBStore::open(const std::string& name, DBMode mode, unsigned permissions) {

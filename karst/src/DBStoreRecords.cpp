@@ -31,7 +31,7 @@ constexpr std::array<const char*, 14> SQL = {
 
 constexpr std::size_t CHECKSUM_SIZE = sizeof(std::uint64_t);
 constexpr std::size_t READ_AHEAD_RECORDS = 256;
-constexpr std::size_t READ_AHEAD_BYTES = 64 * 1024;
+constexpr std::size_t READ_AHEAD_BYTES = std::size_t{64} * 1024;
 
 // Odd constants with well-spread bits (binary digits of pi).
 constexpr std::uint64_t MULTIPLIER = 0x243f6a8885a308d3;

@@ -24,8 +24,8 @@ namespace nis {
 namespace {
 
 constexpr char MAGIC[] = {'S', 'N', 'A', 'P'};
-constexpr std::size_t WINDOW_SIZE = 64 * 1024;
-constexpr std::size_t WRITE_BUFFER = 64 * 1024;
+constexpr std::size_t WINDOW_SIZE = std::size_t{64} * 1024;
+constexpr std::size_t WRITE_BUFFER = std::size_t{64} * 1024;
 constexpr std::size_t BLOCK = 4096;
 constexpr std::size_t LENGTH_SIZE = sizeof(std::uint16_t);
 
@@ -198,17 +198,15 @@ CacheSnapshot::CacheSnapshot(const std::string& filename) : m_filename(filename)
     if (!openForReading()) {
         NIS_THROW(FileOpenFailed, "snapshot open failed", m_filename);
     }
-    // The destructor of an object that was never made does not run.
-    struct Closer {
-        int& file;
-        ~Closer() {
-            if (file >= 0) {
-                ::close(file);
-            }
-        }
-    };
-    int file = m_file;
-    const Closer closer{file};
+    try {
+        checkFile();
+    } catch (...) {
+        ::close(m_file); // the destructor of an object that was never made does not run
+        throw;
+    }
+}
+
+void CacheSnapshot::checkFile() {
     Header header;
     if (readFully(m_file, reinterpret_cast<char*>(&header), sizeof header, 0) != sizeof header) {
         KARST_LOG(logger, tessa::LOG_WARN, "Failed while reading header from snapshot file '%s'",
@@ -218,7 +216,6 @@ CacheSnapshot::CacheSnapshot(const std::string& filename) : m_filename(filename)
     takeHeader(header);
     checkBlocks();
     checkRecords();
-    file = -1;
 }
 
 void CacheSnapshot::takeHeader(const Header& header) {

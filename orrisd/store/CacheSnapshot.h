@@ -66,6 +66,7 @@ private:
     void writeRecord(std::ofstream& file, const MapEntry& entry);
     void writeHeader(std::ofstream& file, const Header& header) const;
     bool openForReading();
+    void checkFile();
     void takeHeader(const Header& header);
     void checkRecords();
     void checkBlocks() const;

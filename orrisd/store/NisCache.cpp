@@ -56,10 +56,11 @@ bool exists(const std::string& path) {
 
 std::string NisCache::MakeCacheFilename(const std::string& domain, const std::string& mapName,
                                         const std::string& server, unsigned n) {
+    const std::string stem = domain + ":" + mapName + ":" + server;
     while (true) {
-        std::string name = domain + ":" + mapName + ":" + server;
+        std::string name = stem;
         if (n > 0) {
-            name += "." + std::to_string(n);
+            name.append(".").append(std::to_string(n));
         }
         name += MAP_SUFFIX;
         // The journal of a vanished store must not be taken for the new one's.
