@@ -3,6 +3,7 @@
 #include "Index.h"
 #include "Name.h"
 #include "ObjectMaker.h"
+#include "Quoted.h"
 
 #include <karst/DN.h>
 #include <karst/Guid.h>
@@ -84,7 +85,7 @@ void IndexLoader::add(const LdifRecord& record) {
         m_stored.id = 0;
         m_stored.isObject = false;
     } else if (isMarked(m_seen, m_stored.id)) {
-        TESSA_THROW(tessa::BadDataException, "a second record of '" + record.dn + "'");
+        TESSA_THROW(tessa::BadDataException, "a second record of " + quoted(record.dn));
     }
     place(record, parent, m_stored);
     mark(m_seen, m_stored.id);
@@ -121,8 +122,8 @@ void IndexLoader::collect(const LdifRecord& record, std::string_view component) 
         const std::string_view value = record.value(i);
         if (isName(name, "objectguid")) {
             if (value.size() != GUID_SIZE || !m_fileGuid.empty()) {
-                TESSA_THROW(tessa::BadDataException,
-                            "objectGUID of '" + record.dn + "' must be one value of 16 bytes");
+                TESSA_THROW(tessa::BadDataException, "objectGUID of " + quoted(record.dn) +
+                                                         " must be one value of 16 bytes");
             }
             m_fileGuid = value;
         } else if (isName(name, "usnchanged")) {
@@ -301,8 +302,7 @@ void IndexLoader::storeAccount(std::int64_t id, std::string_view guid, std::stri
     std::string reason;
     if (isUser ? !Accounts::makeUser(object, 0, user, reason)
                : !Accounts::makeGroup(object, group, reason)) {
-        warn("'" + std::string(dn) + "' is not served as a " + (isUser ? "user" : "group") + ": " +
-             reason);
+        warn(quoted(dn) + " is not served as a " + (isUser ? "user" : "group") + ": " + reason);
         return;
     }
     const std::string& name = isUser ? user.name : group.name;
@@ -411,8 +411,7 @@ void IndexLoader::warnOfOrphans() {
                               "ORDER BY p.id, c.usn");
     while (orphans.step()) {
         if (!isDC(orphans.bytes(0))) {
-            warn("the object above '" + std::string(BodyReader(orphans.bytes(1)).dn()) +
-                 "' is missing");
+            warn("the object above " + quoted(BodyReader(orphans.bytes(1)).dn()) + " is missing");
             return;
         }
     }
@@ -427,8 +426,8 @@ void IndexLoader::warnOfDuplicates(AccountKind kind, const char* column, const c
     sqlite::Statement pairs(m_database, sql.c_str());
     pairs.bind(1, static_cast<std::int64_t>(kind));
     while (pairs.step()) {
-        warn("'" + std::string(BodyReader(pairs.bytes(0)).dn()) + "' and '" +
-             std::string(BodyReader(pairs.bytes(1)).dn()) + "' have the same " + what);
+        warn(quoted(BodyReader(pairs.bytes(0)).dn()) + " and " +
+             quoted(BodyReader(pairs.bytes(1)).dn()) + " have the same " + what);
     }
 }
 

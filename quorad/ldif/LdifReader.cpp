@@ -1,6 +1,7 @@
 #include "LdifReader.h"
 
 #include "Base64.h"
+#include "Quoted.h"
 
 #include <karst/Exceptions.h>
 #include <karst/Text.h>
@@ -15,11 +16,6 @@ namespace {
 constexpr std::size_t BLOCK = 256 * 1024;
 constexpr std::string_view BYTE_ORDER_MARK = "\xef\xbb\xbf";
 constexpr std::size_t QUOTED = 60; ///< characters of a line that a message repeats
-
-std::string quoted(std::string_view text) {
-    const bool whole = text.size() <= QUOTED;
-    return "'" + std::string(text.substr(0, QUOTED)) + (whole ? "'" : "...'");
-}
 
 std::string_view withoutBlanks(std::string_view text) {
     const std::size_t begin = text.find_first_not_of(' ');
@@ -163,11 +159,11 @@ bool LdifReader::nextBlock() {
 std::string_view LdifReader::attributeName() const {
     const std::size_t colon = m_line.find(':');
     if (colon == std::string_view::npos) {
-        fail(m_lineNumber, "no colon in " + quoted(m_line));
+        fail(m_lineNumber, "no colon in " + quoted(m_line, QUOTED));
     }
     const std::string_view name = m_line.substr(0, colon);
     if (name.empty() || !std::all_of(name.begin(), name.end(), isNameCharacter)) {
-        fail(m_lineNumber, quoted(name) + " is no attribute name");
+        fail(m_lineNumber, quoted(name, QUOTED) + " is no attribute name");
     }
     return name;
 }
@@ -176,20 +172,20 @@ std::string_view LdifReader::attributeName() const {
 void LdifReader::readValue(std::string_view name, std::string& value) {
     std::string_view rest = m_line.substr(name.size() + 1);
     if (!rest.empty() && rest.front() == '<') {
-        fail(m_lineNumber, "the value of '" + std::string(name) +
-                               "' is a URL; values must be in the file itself");
+        fail(m_lineNumber,
+             "the value of " + quoted(name) + " is a URL; values must be in the file itself");
     }
     if (!rest.empty() && rest.front() == ':') {
         rest = tessa::trimWhiteSpace(rest.substr(1));
         if (!appendDecoded(rest, value)) {
-            fail(m_lineNumber, "the value of '" + std::string(name) + "' is not Base64");
+            fail(m_lineNumber, "the value of " + quoted(name) + " is not Base64");
         }
         return;
     }
     rest = withoutBlanks(rest);
     if (rest.find('\0') != std::string_view::npos) {
-        fail(m_lineNumber, "the value of '" + std::string(name) +
-                               "' holds a zero byte; such a value must be in Base64");
+        fail(m_lineNumber,
+             "the value of " + quoted(name) + " holds a zero byte; such a value must be in Base64");
     }
     value += rest;
 }
@@ -213,7 +209,7 @@ bool LdifReader::acceptDirective(std::string_view name) {
     std::string type;
     readValue(name, type);
     if (!tessa::equalsIgnoreCase(type, "add")) {
-        fail(m_lineNumber, "change records of type " + quoted(type) +
+        fail(m_lineNumber, "change records of type " + quoted(type, QUOTED) +
                                " are not supported; the file must hold the objects themselves");
     }
     return true;
@@ -248,7 +244,7 @@ void LdifReader::readVersion() {
     std::string version;
     readValue(m_line.substr(0, m_line.find(':')), version);
     if (version != "1") {
-        fail(m_lineNumber, "LDIF version " + quoted(version) + " is not supported, only 1");
+        fail(m_lineNumber, "LDIF version " + quoted(version, QUOTED) + " is not supported, only 1");
     }
 }
 
@@ -265,7 +261,8 @@ void LdifReader::skipSearchResult() {
         }
         const std::string_view result = withoutBlanks(m_line.substr(m_line.find(':') + 1));
         if (result != "0" && result.substr(0, 2) != "0 ") {
-            fail(m_lineNumber, "the search that made this file ended with " + quoted(result));
+            fail(m_lineNumber,
+                 "the search that made this file ended with " + quoted(result, QUOTED));
         }
     }
 }
@@ -288,8 +285,8 @@ bool LdifReader::next(LdifRecord& record) {
         } else if (name == "ref") {
             skipBlock();
         } else {
-            fail(m_lineNumber,
-                 "a record begins with " + quoted(name) + "; its first line must be its dn");
+            fail(m_lineNumber, "a record begins with " + quoted(name, QUOTED) +
+                                   "; its first line must be its dn");
         }
     }
     return false;

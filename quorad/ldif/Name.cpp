@@ -1,10 +1,10 @@
 #include "Name.h"
 
+#include "Quoted.h"
+
 #include <karst/DN.h>
 #include <karst/Exceptions.h>
 #include <karst/Text.h>
-
-#include <string>
 
 namespace quorad::ldif {
 
@@ -24,8 +24,7 @@ SplitName splitName(std::string_view dn) {
         name.parent = tessa::trimWhiteSpace(dn.substr(comma + 1));
     }
     if ((hasParent && name.parent.empty()) || !tessa::DN::isDN(name.component)) {
-        TESSA_THROW(tessa::BadDataException,
-                    "'" + std::string(dn.substr(0, QUOTED)) + "' is not a distinguished name");
+        TESSA_THROW(tessa::BadDataException, quoted(dn, QUOTED) + " is not a distinguished name");
     }
     return name;
 }
