@@ -12,8 +12,8 @@ void InitiateRefreshMap(int signalNumber);
 enum class LoopEnd { Shutdown, Reconfigured };
 
 /// Refreshes the maps at their interval and acts on the signal flags, until shutdown, or until the
-/// configuration was read again (the caller then looks at the thread count and calls again). Runs on
-/// the main thread.
+/// configuration was read again (the caller then looks at the thread count and calls again). Runs
+/// on the main thread.
 LoopEnd UpdateLoop();
 
 /// One update with its log lines; never throws.
