@@ -78,7 +78,7 @@ std::string Service::dispatch(const Row& row, std::string_view frame) {
         return refuse(&row, Q_BAD_REQUEST, error.message());
     } catch (const NoSuchCursor& error) {
         return refuse(&row, Q_NO_SUCH_CURSOR, error.what());
-    } catch (const tessa::IPCException& error) {
+    } catch (const tessa::TESSAException& error) {
         return refuse(&row, Q_UNAVAILABLE, error.message());
     } catch (const std::exception& error) {
         // Not a way in which a directory fails: something is wrong on this machine.
@@ -99,7 +99,12 @@ std::string Service::ask(const Row& row, const q_request& request) {
             m_health.succeeded();
         }
         return frame;
-    } catch (const tessa::IPCException& error) {
+    } catch (const tessa::NotFoundException&) {
+        m_health.succeeded(); // it was asked, and said so
+        throw;
+    } catch (const tessa::BadDataException&) {
+        throw;
+    } catch (const tessa::TESSAException& error) {
         m_health.failed(error.message());
         throw;
     }
