@@ -8,7 +8,7 @@ import nistest
 from nistest import wait_for
 from ypclient import NoReply, RpcError, Unpacker, check_reply, yp_port
 
-COUNT = 60000
+COUNT = 30000
 
 
 class Shutdown(nistest.NisTest):
