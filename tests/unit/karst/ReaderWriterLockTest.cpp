@@ -2,12 +2,18 @@
 
 #include "Eventually.h"
 #include "karst/Thread.h"
+#include "support/TempFolder.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <list>
+#include <mutex>
 #include <stdexcept>
+#include <string>
 #include <vector>
+
+#include <unistd.h>
 
 using namespace tessa;
 using test::eventually;
@@ -19,6 +25,54 @@ void elsewhere(const std::function<void()>& body) {
     Thread thread;
     thread.start("elsewhere", body);
 }
+
+/// Threads that queue up at a lock one after the other, and note the order in which they get in.
+class Queue {
+public:
+    explicit Queue(ReaderWriterLock& lock) : m_lock(lock) {}
+
+    /// Returns when the new thread sleeps at the lock.
+    void add(char name, bool writes) {
+        std::atomic<pid_t> number{0};
+        m_threads.emplace_back().start(std::string(1, name), [this, name, writes, &number] {
+            number = ::gettid();
+            if (writes) {
+                const WriterLock inside(m_lock);
+                note(name);
+            } else {
+                const ReaderLock inside(m_lock);
+                note(name);
+            }
+        });
+        int asleep = 0;
+        EXPECT_TRUE(eventually([&] {
+            asleep = number != 0 && sleeps(number) ? asleep + 1 : 0;
+            return asleep == 5; // not just for a moment on the way to the lock
+        }));
+    }
+    /// After all have left.
+    std::string order() {
+        m_threads.clear();
+        return m_order;
+    }
+
+private:
+    static bool sleeps(pid_t number) {
+        const std::string stat =
+            test::readFile("/proc/self/task/" + std::to_string(number) + "/stat");
+        const std::size_t name = stat.rfind(") ");
+        return name != std::string::npos && stat.compare(name + 2, 1, "S") == 0;
+    }
+    void note(char name) {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_order += name;
+    }
+
+    ReaderWriterLock& m_lock;
+    std::mutex m_mutex;
+    std::string m_order; ///< guarded by m_mutex
+    std::list<Thread> m_threads;
+};
 
 TEST(ReaderWriterLockTest, readersShare) {
     ReaderWriterLock lock;
@@ -253,6 +307,32 @@ TEST(ReaderWriterLockTest, steadyWritersDoNotStarveAReader) {
     }
     stop = true;
     EXPECT_EQ(reads, 50);
+}
+
+TEST(ReaderWriterLockTest, readersThatWaitGoInBeforeTheNextWriter) {
+    for (int round = 0; round < 10; ++round) {
+        ReaderWriterLock lock;
+        Queue queue(lock);
+        lock.lockWrite();
+        queue.add('w', true);
+        queue.add('r', false);
+        queue.add('r', false);
+        lock.unlockWrite();
+        ASSERT_EQ(queue.order(), "rrw");
+    }
+}
+
+TEST(ReaderWriterLockTest, writersGoInInTheOrderOfTheirAsking) {
+    for (int round = 0; round < 5; ++round) {
+        ReaderWriterLock lock;
+        Queue queue(lock);
+        lock.lockRead();
+        for (const char name : {'1', '2', '3', '4'}) {
+            queue.add(name, true);
+        }
+        lock.unlockRead();
+        ASSERT_EQ(queue.order(), "1234");
+    }
 }
 
 /// Two numbers that are equal whenever no writer is between its two steps. Plain integers, so that
