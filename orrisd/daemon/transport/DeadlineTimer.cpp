@@ -32,12 +32,11 @@ DeadlineTimer::~DeadlineTimer() {
     close(m_descriptor);
 }
 
-bool DeadlineTimer::onReady(Worker&) {
+void DeadlineTimer::onReady(Worker&) {
     std::uint64_t expirations = 0;
     if (read(m_descriptor, &expirations, sizeof expirations) == sizeof expirations) {
         m_expired();
     }
-    return false;
 }
 
 void DeadlineTimer::schedule(Clock::time_point moment) {

@@ -22,7 +22,7 @@ public:
     DeadlineTimer(const DeadlineTimer&) = delete;
     DeadlineTimer& operator=(const DeadlineTimer&) = delete;
 
-    bool onReady(Worker& worker) override;
+    void onReady(Worker& worker) override;
 
     /// Makes sure that it expires at that moment or before.
     void schedule(Clock::time_point moment);

@@ -8,9 +8,7 @@ struct Worker;
 class EventSource {
 public:
     /// Serves what is ready, on the thread that was woken for it; never throws.
-    /// @return true when it stopped with more at hand that will not wake a thread by itself: the
-    ///         caller then calls again soon
-    virtual bool onReady(Worker& worker) = 0;
+    virtual void onReady(Worker& worker) = 0;
 
 protected:
     ~EventSource() = default;

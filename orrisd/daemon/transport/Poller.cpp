@@ -44,9 +44,9 @@ void Poller::remove(int descriptor) {
     epoll_ctl(m_descriptor, EPOLL_CTL_DEL, descriptor, &unused);
 }
 
-EventSource* Poller::wait(int timeout) {
+EventSource* Poller::wait() {
     epoll_event event{};
-    const int count = epoll_wait(m_descriptor, &event, 1, timeout);
+    const int count = epoll_wait(m_descriptor, &event, 1, -1);
     if (count < 0 && errno != EINTR) {
         TESSA_THROW(tessa::SystemException, "epoll_wait: " + tessa::errorText(errno));
     }

@@ -23,10 +23,9 @@ public:
     bool rearm(int descriptor, std::uint32_t events, EventSource& source);
     void remove(int descriptor);
 
-    /// @param timeout milliseconds, -1: no limit
-    /// @return the source that is ready, or null when the time passed or a signal came
+    /// @return the source that is ready, or null when a signal came
     /// @throws tessa::SystemException when waiting is impossible
-    EventSource* wait(int timeout);
+    EventSource* wait();
 
 private:
     int m_descriptor;

@@ -32,7 +32,7 @@ public:
     StopSignal& operator=(const StopSignal&) = delete;
 
     void raise() const { eventfd_write(m_descriptor, 1); }
-    bool onReady(Worker&) override { return false; }
+    void onReady(Worker&) override {}
 
 private:
     const int m_descriptor;
@@ -45,18 +45,10 @@ ServiceLoop::ServiceLoop(const RpcProgram& program, const TransportLimits& limit
 ServiceLoop::~ServiceLoop() {
     stop();
     m_spares.join();
-    if (m_udp) {
-        m_poller.remove(m_udpSocket);
-    }
 }
 
 void ServiceLoop::addUdp(int socket) {
-    auto transport = std::make_unique<UdpTransport>(m_program, socket);
-    if (!m_poller.add(socket, EPOLLIN | EPOLLET, *transport)) {
-        TESSA_THROW(tessa::SystemException, tessa::errorText(errno));
-    }
-    m_udp = std::move(transport);
-    m_udpSocket = socket;
+    m_udp = std::make_unique<UdpTransport>(*this, socket);
 }
 
 void ServiceLoop::addTcp(int socket) {
@@ -71,17 +63,11 @@ void ServiceLoop::run() {
 
 void ServiceLoop::serveEvents() {
     Worker worker;
-    EventSource* unfinished = nullptr;
     while (!stopping()) {
-        if (unfinished == nullptr) {
-            m_spares.parkIfSurplus([&worker] { worker.release(); });
-        }
-        EventSource* ready = m_poller.wait(unfinished != nullptr ? 0 : -1);
-        if (ready != nullptr && ready != unfinished && !stopping() && ready->onReady(worker)) {
-            unfinished = ready;
-        }
-        if (unfinished != nullptr && !stopping() && !unfinished->onReady(worker)) {
-            unfinished = nullptr;
+        m_spares.parkIfSurplus([&worker] { worker.release(); });
+        EventSource* ready = m_poller.wait();
+        if (ready != nullptr && !stopping()) {
+            ready->onReady(worker);
         }
     }
 }
@@ -97,9 +83,6 @@ void ServiceLoop::stop() {
         return;
     }
     m_stopSignal->raise();
-    if (m_udp) {
-        m_udp->stop();
-    }
     m_spares.stop();
     if (m_tcp) {
         m_tcp->abortAll();

@@ -69,7 +69,6 @@ private:
     std::unique_ptr<StopSignal> m_stopSignal;
     std::unique_ptr<UdpTransport> m_udp;
     std::unique_ptr<TcpTransport> m_tcp;
-    int m_udpSocket = -1;
     SpareThreads m_spares; ///< destroyed first: its threads use all of the above
 };
 

@@ -68,16 +68,15 @@ void TcpConnection::abort() {
     shutDown();
 }
 
-bool TcpConnection::onReady(Worker& worker) {
+void TcpConnection::onReady(Worker& worker) {
     {
         tessa::Lock lock(m_serving);
         if (serveInput(worker) == Turn::Rearm) {
             endTurn();
-            return false;
+            return;
         }
     }
     m_transport.close(*this);
-    return false;
 }
 
 /// Once the descriptor is armed, another thread may wait for the mutex to serve this connection,

@@ -37,7 +37,7 @@ public:
     TcpConnection(const TcpConnection&) = delete;
     TcpConnection& operator=(const TcpConnection&) = delete;
 
-    bool onReady(Worker& worker) override;
+    void onReady(Worker& worker) override;
     bool sendAll(const char* data, std::size_t size) override;
     void abort() override;
 

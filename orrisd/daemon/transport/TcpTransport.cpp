@@ -57,18 +57,17 @@ std::size_t TcpTransport::connections() const {
     return m_connections.size();
 }
 
-bool TcpTransport::onReady(Worker&) {
+void TcpTransport::onReady(Worker&) {
     for (int count = 0; count < ACCEPTS_A_TURN; ++count) {
         const Accepted result = acceptOne();
         if (result == Accepted::NoRoom) {
-            return false; // a closing connection or the timer arms the listener again
+            return; // a closing connection or the timer arms the listener again
         }
         if (result == Accepted::None) {
             break;
         }
     }
     armListener();
-    return false;
 }
 
 TcpTransport::Accepted TcpTransport::acceptOne() {

@@ -26,7 +26,7 @@ public:
     TcpTransport(const TcpTransport&) = delete;
     TcpTransport& operator=(const TcpTransport&) = delete;
 
-    bool onReady(Worker& worker) override;
+    void onReady(Worker& worker) override;
 
     void stopAccepting();
     /// Shuts all connections down, those with a call under way included.

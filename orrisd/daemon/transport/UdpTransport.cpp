@@ -1,14 +1,22 @@
 #include "daemon/transport/UdpTransport.h"
 
 #include "common/Globals.h"
+#include "daemon/transport/CallTransport.h"
+#include "daemon/transport/Poller.h"
+#include "daemon/transport/ServiceLoop.h"
 #include "daemon/transport/Worker.h"
 
 #include <karst/Exceptions.h>
 #include <karst/Text.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstring>
+#include <thread>
 
+#include <sys/epoll.h>
 #include <sys/socket.h>
 
 namespace nis {
@@ -18,6 +26,8 @@ namespace {
 /// Datagrams that one wake-up serves before the thread looks at other events.
 constexpr int DATAGRAMS_A_TURN = 64;
 constexpr int SOCKET_BUFFER = 1024 * 1024;
+constexpr std::chrono::milliseconds WATCH_INTERVAL{5};
+constexpr std::uint32_t ONE_SHOT = EPOLLIN | EPOLLONESHOT;
 
 /// One datagram's call. Keeps the local address that it came to for the reply.
 class DatagramCall final : public CallTransport {
@@ -115,27 +125,101 @@ void setBuffer(int socket, int forced, int option) {
     }
 }
 
-} // namespace
-
-UdpTransport::UdpTransport(const RpcProgram& program, int socket)
-    : m_program(program), m_socket(socket) {
-    const int on = 1;
-    if (setsockopt(socket, IPPROTO_IP, IP_PKTINFO, &on, sizeof on) != 0) {
+void require(bool success) {
+    if (!success) {
         TESSA_THROW(tessa::SystemException, tessa::errorText(errno));
     }
+}
+
+} // namespace
+
+UdpTransport::UdpTransport(ServiceLoop& loop, int socket)
+    : m_loop(loop), m_socket(socket),
+      m_mostDrains(std::max(1U, std::thread::hardware_concurrency())),
+      m_watch(loop.poller(), [this] { look(); }) {
+    const int on = 1;
+    require(setsockopt(socket, IPPROTO_IP, IP_PKTINFO, &on, sizeof on) == 0);
     // Bursts of calls should wait in the kernel rather than be lost; without it they come again.
     setBuffer(socket, SO_RCVBUFFORCE, SO_RCVBUF);
     setBuffer(socket, SO_SNDBUFFORCE, SO_SNDBUF);
+    require(loop.poller().add(socket, ONE_SHOT, *this));
 }
 
-bool UdpTransport::onReady(Worker& worker) {
-    DatagramCall call(m_program, m_socket, worker);
-    for (int count = 0; count < DATAGRAMS_A_TURN; ++count) {
-        if (m_stopped.load(std::memory_order_relaxed) || !call.next()) {
-            return false;
+UdpTransport::~UdpTransport() {
+    m_loop.poller().remove(m_socket);
+}
+
+void UdpTransport::rearm() {
+    m_loop.poller().rearm(m_socket, ONE_SHOT, *this);
+}
+
+void UdpTransport::onReady(Worker& worker) {
+    Drain drain;
+    begin(drain);
+    DatagramCall call(m_loop.program(), m_socket, worker);
+    int count = 0;
+    while (count < DATAGRAMS_A_TURN && !drain.overtaken.load(std::memory_order_relaxed) &&
+           !m_loop.stopping() && call.next()) {
+        drain.served.store(static_cast<unsigned>(++count), std::memory_order_relaxed);
+        if (count == DATAGRAMS_A_TURN / 2) {
+            inviteAnother();
         }
     }
-    return true;
+    end(drain, count == DATAGRAMS_A_TURN);
+}
+
+void UdpTransport::begin(Drain& drain) {
+    tessa::Lock lock(m_mutex);
+    m_drains.push_back(&drain);
+    ++m_atWork;
+    if (!m_watching) {
+        m_watching = true;
+        m_watch.schedule(DeadlineTimer::Clock::now() + WATCH_INTERVAL);
+    }
+}
+
+void UdpTransport::end(Drain& drain, bool moreLikely) {
+    tessa::Lock lock(m_mutex);
+    m_drains.erase(std::find(m_drains.begin(), m_drains.end(), &drain));
+    if (!drain.overtaken) {
+        --m_atWork;
+    }
+    if (m_atWork == 0 || moreLikely) {
+        rearm();
+    }
+}
+
+/// Datagrams come faster than one thread serves them.
+void UdpTransport::inviteAnother() {
+    tessa::Lock lock(m_mutex);
+    if (m_atWork < m_mostDrains) {
+        rearm();
+    }
+}
+
+/// A thread that has been with one call since the last look counts no more, so that the datagrams
+/// behind that call wait no longer.
+void UdpTransport::look() {
+    tessa::Lock lock(m_mutex);
+    m_watch.clear();
+    bool overtaken = false;
+    for (Drain* drain : m_drains) {
+        const unsigned served = drain->served.load(std::memory_order_relaxed);
+        if (!drain->overtaken && drain->looked && drain->servedAtLook == served) {
+            drain->overtaken = true;
+            --m_atWork;
+            overtaken = true;
+        }
+        drain->looked = true;
+        drain->servedAtLook = served;
+    }
+    if (overtaken && m_atWork == 0) {
+        rearm();
+    }
+    m_watching = m_atWork > 0;
+    if (m_watching) {
+        m_watch.schedule(DeadlineTimer::Clock::now() + WATCH_INTERVAL);
+    }
 }
 
 } // namespace nis

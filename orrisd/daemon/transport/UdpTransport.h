@@ -1,29 +1,60 @@
 #pragma once
 
-#include "daemon/transport/CallTransport.h"
+#include "daemon/transport/DeadlineTimer.h"
 #include "daemon/transport/EventSource.h"
 
+#include <karst/Mutex.h>
+
 #include <atomic>
+#include <cstddef>
+#include <vector>
 
 namespace nis {
 
-/// Serves the calls that come to a UDP socket, one datagram at a time on each thread that is woken
-/// for it. Replies leave from the address that the call was sent to. Does not own the socket.
-/// Thread-safe.
+class ServiceLoop;
+
+/// Serves the calls that come to a UDP socket. Replies leave from the address that the call was
+/// sent to. Does not own the socket. Thread-safe.
+///
+/// The socket is one-shot in the poller: the thread that is woken drains it, one datagram after the
+/// other, while the others sleep on. To wake a thread for each datagram costs more than to serve
+/// it. Further threads join while datagrams keep coming faster, and as soon as a call takes long.
 class UdpTransport final : public EventSource {
 public:
     /// @throws tessa::SystemException when the socket cannot be set up
-    UdpTransport(const RpcProgram& program, int socket);
+    UdpTransport(ServiceLoop& loop, int socket);
+    ~UdpTransport();
+    UdpTransport(const UdpTransport&) = delete;
+    UdpTransport& operator=(const UdpTransport&) = delete;
 
-    bool onReady(Worker& worker) override;
-
-    /// Serves nothing any more.
-    void stop() { m_stopped.store(true, std::memory_order_relaxed); }
+    void onReady(Worker& worker) override;
 
 private:
-    const RpcProgram& m_program;
+    /// One thread's turn at the socket. Lives on its stack.
+    struct Drain {
+        std::atomic<unsigned> served{0};
+        std::atomic<bool> overtaken{false}; ///< stuck with a call: no longer counted as at work
+        // Of the last look; guarded by the transport's mutex.
+        bool looked = false;
+        unsigned servedAtLook = 0;
+    };
+
+    void begin(Drain& drain);
+    void end(Drain& drain, bool moreLikely);
+    void inviteAnother();
+    void look();
+    void rearm();
+
+    ServiceLoop& m_loop;
     const int m_socket;
-    std::atomic<bool> m_stopped{false};
+    const std::size_t m_mostDrains;
+
+    tessa::Mutex m_mutex;
+    std::vector<Drain*> m_drains KARST_GUARDED_BY(m_mutex);
+    /// Drains that go on. While there is one, the socket need not wake anybody.
+    std::size_t m_atWork KARST_GUARDED_BY(m_mutex) = 0;
+    bool m_watching KARST_GUARDED_BY(m_mutex) = false;
+    DeadlineTimer m_watch KARST_GUARDED_BY(m_mutex);
 };
 
 } // namespace nis

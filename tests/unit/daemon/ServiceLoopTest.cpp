@@ -358,6 +358,26 @@ TEST_F(ServiceLoop, a_flood_of_datagrams_does_not_keep_others_waiting) {
     flood.join();
 }
 
+TEST_F(ServiceLoop, calls_that_take_long_do_not_hold_up_those_behind_them) {
+    start(4);
+    UdpClient held = udpClient();
+    for (std::uint32_t xid = 1; xid <= 3; ++xid) {
+        held.send(Call{.xid = xid, .procedure = HELD}.bytes());
+        UdpClient other = udpClient();
+        for (std::uint32_t i = 0; i < 100; ++i) {
+            ASSERT_EQ(other.exchange({.xid = i}), accepted(i, 0));
+        }
+    }
+    EXPECT_EQ(gGate.waiting(), 3);
+    gGate.open(true);
+    std::set<std::string> replies;
+    for (int i = 0; i < 3; ++i) {
+        replies.insert(held.receive().value_or("none"));
+    }
+    EXPECT_EQ(replies, (std::set<std::string>{accepted(1, 0), accepted(2, 0), accepted(3, 0)}));
+    expectService();
+}
+
 // ---- TCP
 
 TEST_F(ServiceLoop, tcp_calls_in_many_fragments) {
