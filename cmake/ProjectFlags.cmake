@@ -26,5 +26,10 @@ else()
     add_link_options(-Wl,-z,relro,-z,now)
 endif()
 
+# A fuzzer learns from what the libraries under it execute, so they are instrumented as well.
+if(ORRISD_FUZZERS)
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 find_package(Threads REQUIRED)
 target_link_libraries(project_flags INTERFACE Threads::Threads)

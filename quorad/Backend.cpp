@@ -34,7 +34,7 @@ std::string ldifPath(const std::string& source) {
     if (!beginsWith(source, LDIF_SCHEME)) {
         TESSA_THROW(tessa::BadDataException, named + "is neither 'ldif:PATH' nor 'ldap:'");
     }
-    const std::string path(tessa::trimWhiteSpace(source.substr(LDIF_SCHEME.size())));
+    std::string path(tessa::trimWhiteSpace(source.substr(LDIF_SCHEME.size())));
     if (path.empty() || path.front() != '/') {
         TESSA_THROW(tessa::BadDataException, named + "an absolute path must follow 'ldif:'");
     }
@@ -46,7 +46,7 @@ std::string sourceOf(const tessa::Properties& configuration) {
 }
 
 std::string hostName(const tessa::Properties& configuration) {
-    const std::string configured = configuration.get(PROP_HOST_NAME);
+    std::string configured = configuration.get(PROP_HOST_NAME);
     if (!configured.empty()) {
         return configured;
     }
