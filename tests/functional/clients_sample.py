@@ -24,7 +24,7 @@ class SampleDirectory(nistest.NisTest):
         self.write_config()
         self.start_quorad()
         self.start_orrisd()
-        self.wait_served()
+        self.wait_served(DOMAIN)
 
     def bytes_of(self, name):
         return {key.encode(): value.encode() for key, value in self.maps[name].items()}

@@ -25,10 +25,7 @@ class Hostile(nistest.NisTest):
         self.directory.fill("big", self.entries)
         self.directory.fill("small", {"a": "1", "b": "2"})
         self.sockets = []
-
-    def tearDown(self):
-        self.close_all()
-        super().tearDown()
+        self.addCleanup(self.close_all)
 
     def close_all(self):
         for one in self.sockets:

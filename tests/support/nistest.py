@@ -139,6 +139,7 @@ class NisTest(unittest.TestCase):
 
     def setUp(self):
         self.daemons = []
+        self.addCleanup(self.stop_daemons)
         self.configuration = {
             "quorad.directory": "ldif:" + LDIF_FILE,
             "quorad.zone": ldif.Directory.ZONE,
@@ -160,7 +161,8 @@ class NisTest(unittest.TestCase):
         except OSError:
             return False
 
-    def tearDown(self):
+    def stop_daemons(self):
+        """Runs after each test, also when its setUp failed."""
         for daemon in reversed(self.daemons):
             if daemon.running():
                 try:
@@ -248,9 +250,9 @@ class NisTest(unittest.TestCase):
         self.start_orrisd(*arguments)
         self.wait_served()
 
-    def wait_served(self):
+    def wait_served(self, domain=DOMAIN):
         """Until calls are answered: at once with caches, otherwise after the first update."""
-        with self.client() as client:
+        with self.client("udp", domain) as client:
             wait_for(lambda: client.maplist()[1], "maps")
 
     def refresh(self, number=signal.SIGUSR2):
