@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <ctime>
-#include <mutex>
 
 namespace quorad::ldif {
 
@@ -19,6 +18,18 @@ namespace {
 constexpr std::int64_t QUICK_SIZE = std::int64_t{8} << 20U;
 constexpr std::chrono::seconds RETRY{60};
 constexpr std::size_t MAX_WARNED = 1000;
+
+/// Gives up a mutex that the thread holds already.
+class KARST_SCOPED_CAPABILITY HeldLock {
+public:
+    explicit HeldLock(tessa::Mutex& mutex) KARST_REQUIRES(mutex) : m_mutex(mutex) {}
+    ~HeldLock() KARST_RELEASE() { m_mutex.unlock(); }
+    HeldLock(const HeldLock&) = delete;
+    HeldLock& operator=(const HeldLock&) = delete;
+
+private:
+    tessa::Mutex& m_mutex;
+};
 
 bool endsWith(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
@@ -145,7 +156,7 @@ void DirectoryLoader::lookIfQuick() {
     if (!m_lookMutex.try_lock()) {
         return;
     }
-    const std::lock_guard<tessa::Mutex> lock(m_lookMutex, std::adopt_lock);
+    const HeldLock lock(m_lookMutex);
     std::string why;
     const FileIdentity identity = FileIdentity::of(m_filePath, why);
     lookAt(identity, why, true);

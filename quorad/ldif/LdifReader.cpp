@@ -13,6 +13,7 @@ namespace quorad::ldif {
 
 namespace {
 
+constexpr std::size_t FIRST_BLOCK = 4096;
 constexpr std::size_t BLOCK = 256 * 1024;
 constexpr std::string_view BYTE_ORDER_MARK = "\xef\xbb\xbf";
 constexpr std::size_t QUOTED = 60; ///< characters of a line that a message repeats
@@ -65,8 +66,10 @@ bool LdifReader::fillBuffer() {
     if (m_end > MAX_RECORD) {
         fail(m_nextNumber, "the line is longer than " + std::to_string(MAX_RECORD) + " bytes");
     }
-    if (m_buffer.size() < m_end + BLOCK) {
-        m_buffer.resize(std::max(m_end + BLOCK, m_buffer.size() * 2));
+    // Small texts are common, and large ones should not be read in small pieces for long.
+    const std::size_t room = std::clamp(m_buffer.size(), FIRST_BLOCK, BLOCK);
+    if (m_buffer.size() < m_end + room) {
+        m_buffer.resize(std::max(m_end + room, m_buffer.size() * 2));
     }
     const std::size_t count = m_source(m_buffer.data() + m_end, m_buffer.size() - m_end);
     m_end += count;

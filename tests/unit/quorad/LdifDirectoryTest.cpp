@@ -4,6 +4,9 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <thread>
+
 #include <sys/stat.h>
 
 namespace {
@@ -398,6 +401,56 @@ TEST_F(LdifDirectory, theQuestionForTheHighestNumberSeesAReplacedFileAtOnce) {
     save();
     EXPECT_EQ(highUsn(), usn + 1);
     EXPECT_TRUE(exists(entryName("a")));
+}
+
+// Readers in several threads while the file changes again and again: each answer is of one state.
+TEST_F(LdifDirectory, readersDuringLoads) {
+    constexpr int ENTRIES = 300;
+    const auto fill = [&](int generation) {
+        for (int i = 0; i < ENTRIES; ++i) {
+            entry("e" + std::to_string(i), "k" + std::to_string(i), std::to_string(generation));
+        }
+        put("CN=u,CN=Users," + BASE, "objectClass: user\nsAMAccountName: u\nuidNumber: " +
+                                         std::to_string(generation) + "\ngidNumber: 1\n");
+    };
+    fill(0);
+    load();
+    std::atomic<bool> stop{false};
+    std::atomic<int> answers{0};
+    std::vector<std::thread> readers;
+    for (int thread = 0; thread < 3; ++thread) {
+        readers.emplace_back([&] {
+            while (!stop) {
+                const auto objects = search("(objectClass=*)", MAP, tessa::SCOPE_ONE_LEVEL, 1000);
+                EXPECT_EQ(objects.size(), static_cast<std::size_t>(ENTRIES));
+                std::set<std::string> generations;
+                for (const auto& object : objects) {
+                    generations.insert(object["adminDescription"]);
+                }
+                EXPECT_EQ(generations.size(), 1U);
+                EXPECT_GT(highUsn(), 0);
+                EXPECT_EQ(directory->user("u").name, "u");
+                std::vector<tessa::UserRecord> users;
+                directory->users(0)->nextPage(users, 10);
+                EXPECT_EQ(users.size(), 1U);
+                ++answers;
+            }
+        });
+    }
+    for (int generation = 1; generation <= 15; ++generation) {
+        fill(generation);
+        const int before = answers;
+        load();
+        // Let the readers see each state.
+        while (answers < before + 3) {
+            std::this_thread::yield();
+        }
+    }
+    stop = true;
+    for (auto& reader : readers) {
+        reader.join();
+    }
+    EXPECT_EQ(directory->user("u").uid, 15U);
 }
 
 TEST_F(LdifDirectory, warningsOfAnUnchangedDirectoryAreNotRepeated) {
