@@ -61,7 +61,7 @@ void RecordLedger::begin(bool load) {
 
 void RecordLedger::abandon() {
     m_vacated.clear();
-    m_loaded.clear();
+    m_loaded = {}; // gives its memory back, which clear() would not
     m_load = false;
     m_recordNumber = 0;
 }
