@@ -36,7 +36,7 @@ void installSignalHandlers() {
 }
 
 std::string learnDomain() {
-    const std::string domain = ADInterface::getNisDomain();
+    std::string domain = ADInterface::getNisDomain();
     KARST_LOG(logger, tessa::LOG_INFORMATION, "NIS domain is '%s'", domain.c_str());
     if (!isSafeFileNamePart(domain)) {
         // Cache files carry the domain in their names.

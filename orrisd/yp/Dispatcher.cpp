@@ -140,8 +140,8 @@ xdrproc_t libraryType(XdrRoutine routine) {
 
 void execute(const Procedure& procedure, const NisServer& server, SVCXPRT* transport,
              const Arguments& arguments) {
-    Result result;
-    std::memset(&result, 0, sizeof result);
+    Result result = {};
+    std::memset(&result, 0, sizeof result); // all of it, whichever record it is
     if (procedure.handle(server, &arguments, &result) &&
         svc_sendreply(transport, libraryType(procedure.encode), &result) != TRUE) {
         KARST_LOG(logger, tessa::LOG_DEBUGGING, "The reply of %s did not go out", procedure.name);
@@ -172,7 +172,7 @@ void serveYpCall(const NisServer& server, svc_req* request, SVCXPRT* transport, 
         return;
     }
     const Procedure& procedure = PROCEDURES[request->rq_proc];
-    Arguments arguments;
+    Arguments arguments = {};
     std::memset(&arguments, 0, sizeof arguments);
     const xdrproc_t decode = libraryType(procedure.decode);
     if (svc_getargs(transport, decode, &arguments) != TRUE) {

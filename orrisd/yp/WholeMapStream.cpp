@@ -63,7 +63,7 @@ bool encodeInPlace(XDR* xdr, const ypresp_all& response) {
         value.valdat_len > YPMAXREPLY) {
         return false;
     }
-    constexpr std::size_t WORDS = 4 * BYTES_PER_XDR_UNIT; // flag, status and two lengths
+    constexpr std::size_t WORDS = 4 * sizeof(std::uint32_t); // flag, status and two lengths
     const std::size_t size = WORDS + padded(key.keydat_len) + padded(value.valdat_len);
     void* room = XDR_INLINE(xdr, static_cast<u_int>(size));
     if (room == nullptr) {

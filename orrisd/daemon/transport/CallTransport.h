@@ -35,7 +35,7 @@ public:
 
 protected:
     CallTransport(const RpcProgram& program, int socket);
-    ~CallTransport() = default;
+    virtual ~CallTransport() = default;
 
     void setPeer(const sockaddr_in& peer);
     /// Encodes and sends one reply.

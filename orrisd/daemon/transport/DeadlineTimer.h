@@ -18,7 +18,7 @@ public:
     /// @param expired called on the thread that is woken
     /// @throws tessa::SystemException
     DeadlineTimer(Poller& poller, std::function<void()> expired);
-    ~DeadlineTimer();
+    ~DeadlineTimer() override;
     DeadlineTimer(const DeadlineTimer&) = delete;
     DeadlineTimer& operator=(const DeadlineTimer&) = delete;
 

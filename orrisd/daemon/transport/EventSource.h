@@ -11,7 +11,7 @@ public:
     virtual void onReady(Worker& worker) = 0;
 
 protected:
-    ~EventSource() = default;
+    virtual ~EventSource() = default;
 };
 
 } // namespace nis

@@ -15,7 +15,7 @@ public:
     virtual bool sendAll(const char* data, std::size_t size) = 0;
 
 protected:
-    ~RecordSink() = default;
+    virtual ~RecordSink() = default;
 };
 
 /// An XDR encode stream that writes one record of a TCP stream: it collects bytes in a buffer and

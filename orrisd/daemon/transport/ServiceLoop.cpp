@@ -27,7 +27,7 @@ public:
             TESSA_THROW(tessa::SystemException, "eventfd: " + reason);
         }
     }
-    ~StopSignal() { close(m_descriptor); }
+    ~StopSignal() override { close(m_descriptor); }
     StopSignal(const StopSignal&) = delete;
     StopSignal& operator=(const StopSignal&) = delete;
 

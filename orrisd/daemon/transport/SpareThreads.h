@@ -28,7 +28,7 @@ public:
         virtual void abort() = 0;
 
     protected:
-        ~Stalled() = default;
+        virtual ~Stalled() = default;
     };
 
     /// The calling thread stands still as long as this lives.

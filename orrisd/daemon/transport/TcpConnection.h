@@ -33,7 +33,7 @@ public:
         boost::intrusive::link_mode<boost::intrusive::auto_unlink>>;
 
     TcpConnection(TcpTransport& transport, int socket, const sockaddr_in& peer);
-    ~TcpConnection();
+    ~TcpConnection() override;
     TcpConnection(const TcpConnection&) = delete;
     TcpConnection& operator=(const TcpConnection&) = delete;
 

@@ -22,7 +22,7 @@ class TcpTransport final : public EventSource {
 public:
     /// @throws tessa::SystemException when the socket cannot be set up
     TcpTransport(ServiceLoop& loop, int socket);
-    ~TcpTransport();
+    ~TcpTransport() override;
     TcpTransport(const TcpTransport&) = delete;
     TcpTransport& operator=(const TcpTransport&) = delete;
 

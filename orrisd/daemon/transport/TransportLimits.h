@@ -9,9 +9,9 @@ namespace nis {
 inline constexpr std::size_t DATAGRAM_MAX = 8800;
 /// Largest call over TCP, all its fragments together, in bytes. Calls of this protocol are far
 /// smaller; the rest is room for credentials and for clients of later versions.
-inline constexpr std::size_t CALL_RECORD_MAX = 64 * 1024;
+inline constexpr std::size_t CALL_RECORD_MAX = 65536;
 /// Bytes of a reply that are collected before a fragment is sent over TCP.
-inline constexpr std::size_t REPLY_FRAGMENT = 64 * 1024;
+inline constexpr std::size_t REPLY_FRAGMENT = 65536;
 
 /// How much the transports put up with. The defaults are the daemon's; tests shorten them.
 struct TransportLimits {

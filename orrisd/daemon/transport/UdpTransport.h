@@ -23,7 +23,7 @@ class UdpTransport final : public EventSource {
 public:
     /// @throws tessa::SystemException when the socket cannot be set up
     UdpTransport(ServiceLoop& loop, int socket);
-    ~UdpTransport();
+    ~UdpTransport() override;
     UdpTransport(const UdpTransport&) = delete;
     UdpTransport& operator=(const UdpTransport&) = delete;
 

@@ -10,7 +10,7 @@ namespace nis {
 /// The buffers of one thread that serves events. Made when first used, so that a thread that only
 /// waits costs nothing.
 struct Worker {
-    static constexpr std::size_t STREAM_INPUT = 8 * 1024;
+    static constexpr std::size_t STREAM_INPUT = 8192;
     static constexpr std::size_t STREAM_OUTPUT = 4 + REPLY_FRAGMENT; ///< with the record mark
 
     std::span<char> datagramIn() { return take(m_datagramIn, DATAGRAM_MAX); }
