@@ -8,6 +8,11 @@ target_compile_options(project_flags INTERFACE
 if(ORRISD_WERROR)
     target_compile_options(project_flags INTERFACE -Werror)
 endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    # When optimising, this version takes every "text" + std::string() for overlapping memory.
+    target_compile_options(project_flags INTERFACE
+        $<$<CONFIG:Release,RelWithDebInfo>:-Wno-restrict>)
+endif()
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     target_compile_options(project_flags INTERFACE -Wthread-safety)
 endif()

@@ -80,6 +80,7 @@ private:
     bool updateCache(const MapEntry& record, const std::string& objectId, bool deleted);
     void addDeferred(const MapEntry& record, const std::string& objectId);
 
+    void applyDeletions(const tessa::Int64& highUSN);
     void settleClaims();
     void keepWhatWasWritten(NisCache::Batch& batch);
     void commit(NisCache::Batch& batch);

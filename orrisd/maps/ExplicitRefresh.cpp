@@ -191,6 +191,30 @@ void ExplicitADNisMap::restoreHighUSN(const tessa::Int64& usn) {
     }
 }
 
+/// What a reading from the start cannot show: the objects that are gone since the last pass.
+void ExplicitADNisMap::applyDeletions(const tessa::Int64& highUSN) {
+    if (getHighUSN() >= highUSN) {
+        return;
+    }
+    const auto interface = directory();
+    const auto objects = interface->getMapEntries(getMapDN(), getHighUSN(), highUSN);
+    m_ledger.begin(false);
+    tessa::ADObject object;
+    try {
+        while (objects->next(object)) {
+            insureSameServer(object[ADInterface::SERVER_NAME].asString());
+            if (isDeleted(object)) {
+                const tessa::WriterLock lock(getReaderWriterLock());
+                updateCache(recordOf(object), objectIdOf(object), true);
+            }
+        }
+    } catch (...) {
+        settleClaims();
+        throw;
+    }
+    settleClaims();
+}
+
 void ExplicitADNisMap::rebuild(const tessa::Int64& highUSN) {
     KARST_LOG(logger, tessa::LOG_DEBUGGING, "Beginning rebuild for map '%s', server %s",
               getName().c_str(), getServer().c_str());
@@ -199,9 +223,10 @@ void ExplicitADNisMap::rebuild(const tessa::Int64& highUSN) {
     const auto held = cache();
     NisCache::Batch batch(*held);
     const tessa::Int64 previous = getHighUSN();
-    setHighUSN(tessa::Int64::ZERO);
-    KARST_LOG(logger, tessa::LOG_DEBUGGING, "Set the highest USN of the map to 0");
     try {
+        applyDeletions(highUSN);
+        setHighUSN(tessa::Int64::ZERO);
+        KARST_LOG(logger, tessa::LOG_DEBUGGING, "Set the highest USN of the map to 0");
         update(highUSN);
     } catch (...) {
         restoreHighUSN(previous);

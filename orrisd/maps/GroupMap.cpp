@@ -57,7 +57,7 @@ GroupMap::PieceNames GroupMap::PieceNames::fromConfiguration() {
         KARST_LOG(logger, tessa::LOG_WARN,
                   "Value '%s' of property %s cannot be part of a group name. Using '%s'",
                   names.suffix.c_str(), PROP_LARGEGROUP, DEFAULT_SUFFIX);
-        names.suffix = DEFAULT_SUFFIX;
+        names.suffix = std::string(DEFAULT_SUFFIX);
     }
     const std::string length = config->get(PROP_GROUP_NAME_LENGTH);
     if (length.empty()) {

@@ -82,7 +82,8 @@ Keys services(const std::string& key, const std::string& value, unsigned n) {
     if (found.size() < 3) {
         return {key};
     }
-    const std::string protocol = "/" + std::string(found[2]);
+    std::string protocol(1, '/');
+    protocol += found[2];
     Keys keys;
     if (n == 0) {
         keys.push_back(std::string(found[1]) + protocol);
