@@ -1,6 +1,7 @@
 """Only what changed in the directory travels, and clients see exactly the new state."""
 
 import re
+import signal
 
 import nistest
 from nistest import wait_for
@@ -127,6 +128,17 @@ class Incremental(nistest.NisTest):
         self.set_entry(dns["bad"], value="10.0.0.2 bad")
         self.change_directory()
         self.assert_map("hosts.byname", {"good": "10.0.0.1 good", "bad": "10.0.0.2 bad"})
+
+    def test_rebuild_sees_deletions(self):
+        self.directory.remove(self.dns["key03"])
+        self.directory.replace(self.dns["key04"], "adminDescription", "other")
+        self.directory.save()
+        del self.entries["key03"]
+        self.entries["key04"] = "other"
+        self.refresh(signal.SIGUSR1)
+        self.assert_map("plain", self.entries)
+        self.refresh()
+        self.assert_map("plain", self.entries)
 
     def test_netgroups_follow(self):
         dns = self.directory.fill("netgroup", {"inner": "(h1,u1,d)", "outer": "inner"})
