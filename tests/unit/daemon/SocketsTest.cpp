@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <string>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/resource.h>
@@ -124,9 +127,17 @@ TEST_F(Sockets, a_port_in_use_is_a_warning) {
     EXPECT_EQ(nis::boundPort(nis::gUdpSocket), 0U);
 }
 
+void limitDescriptors(bool toStandardStreams) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = toStandardStreams ? 3 : limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 void prepareWithoutDescriptors() {
-    const rlimit standardStreams{3, 3};
-    setrlimit(RLIMIT_NOFILE, &standardStreams);
+    // The leak check at the end of the process needs descriptors again.
+    std::atexit([] { limitDescriptors(false); });
+    limitDescriptors(true);
     nis::PrepareSocket();
 }
 
