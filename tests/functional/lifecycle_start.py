@@ -7,8 +7,8 @@ import subprocess
 
 import nistest
 import procinfo
-from nistest import program, run, wait_for
-from ypclient import YPPROG, Portmapper, yp_port
+from nistest import SLOW, program, run, wait_for
+from ypclient import YPPROG, NoReply, Portmapper, RpcError, yp_port
 
 USAGE = ("usage: %s [-dfv]\n"
          " -d    Debug mode. Runs in foreground instead of forking like a normal daemon.\n"
@@ -202,6 +202,77 @@ class Watchdog(nistest.NisTest):
         with self.client() as client:
             client.null()
         self.assertEqual(self.orrisd.stop(), 0)
+
+
+class RealWatchdog(nistest.NisTest):
+    """orrisguard itself: whoever goes without being told to comes back."""
+
+    def setUp(self):
+        super().setUp()
+        os.makedirs(os.path.dirname(GUARD), exist_ok=True)
+        if os.path.lexists(GUARD):
+            os.remove(GUARD)
+        os.symlink(program("orrisguard"), GUARD)
+        self.addCleanup(os.remove, GUARD)
+        self.directory.fill("plain", {"key": "value"})
+        self.configuration.update({
+            "nisd.watch.check.frequency": "1", "nisd.watch.check.timeout": str(int(2 * SLOW)),
+            "nisd.watch.death.timeout": str(int(5 * SLOW)),
+            "nisd.startup.delay": str(int(5 * SLOW))})
+
+    def wait_watched(self, pid):
+        # Daemons and watchdogs to come write to the same file.
+        wait_for(lambda: self.orrisd.find(r"Watching orrisd \(pid %d\)" % pid), "the watchdog")
+
+    def wait_successor(self, before):
+        def successor():
+            pid = nistest.recorded_pid()
+            return pid if pid != before and pid and procinfo.is_running(pid) else 0
+        # A daemon that is told to end and does not is killed after half a minute.
+        pid = wait_for(successor, "a successor of the daemon", 180)
+
+        def answered():
+            try:
+                with self.client(timeout=2.0) as client:
+                    return client.match("plain", "key") == (1, b"value")
+            except (NoReply, RpcError):
+                return False
+        wait_for(answered, "the successor to answer")
+        return pid
+
+    def end(self, pid):
+        os.kill(pid, signal.SIGTERM)
+        wait_for(lambda: not procinfo.is_running(pid), "the end of the daemon")
+        wait_for(lambda: not self.guards(), "the end of the watchdog")
+        self.assertEqual(nistest.recorded_pid(), 0)
+
+    @staticmethod
+    def guards():
+        return [pid for pid in procinfo.all_pids() if procinfo.name(pid) == "orrisguard"]
+
+    def test_killed_daemon_is_started_again(self):
+        self.start_system(nisd_watch_enabled="yes")
+        self.wait_watched(self.orrisd.pid)
+        self.orrisd.kill()
+        second = self.wait_successor(self.orrisd.pid)
+        self.assertEqual(procinfo.arguments(second)[1:], ["-d"])
+        self.wait_watched(second)
+        os.kill(second, signal.SIGKILL)
+        self.end(self.wait_successor(second))
+
+    def test_silent_daemon_is_ended_and_started_again(self):
+        self.start_system(nisd_watch_enabled="yes")
+        self.wait_watched(self.orrisd.pid)
+        first = self.orrisd.pid
+        self.orrisd.signal(signal.SIGSTOP)
+        self.end(self.wait_successor(first))
+
+    def test_orderly_end_is_final(self):
+        self.start_system(nisd_watch_enabled="yes")
+        self.wait_watched(self.orrisd.pid)
+        self.assertEqual(self.orrisd.stop(), 0)
+        wait_for(lambda: not self.guards(), "the end of the watchdog")
+        self.assertEqual(nistest.recorded_pid(), 0)
 
 
 if __name__ == "__main__":

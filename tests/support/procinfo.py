@@ -46,13 +46,25 @@ def arguments(pid):
     return _read(pid, "cmdline").decode().split("\0")[:-1]
 
 
+def all_pids():
+    """Every process that is not a zombie."""
+    return [int(name) for name in os.listdir("/proc") if name.isdigit() and is_running(int(name))]
+
+
+def name(pid):
+    """The short name of the process, empty when it is gone."""
+    try:
+        return _read(pid, "comm").decode().strip()
+    except OSError:
+        return ""
+
+
+def parent(pid):
+    try:
+        return int(_read(pid, "stat").rpartition(b")")[2].split()[1])
+    except OSError:
+        return 0
+
+
 def children(pid):
-    found = []
-    for name in os.listdir("/proc"):
-        if name.isdigit():
-            try:
-                if int(_read(int(name), "stat").rpartition(b")")[2].split()[1]) == pid:
-                    found.append(int(name))
-            except OSError:
-                pass
-    return found
+    return [one for one in all_pids() if parent(one) == pid]
