@@ -23,6 +23,7 @@ constexpr int EXEC_FAILED = 1;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
         pointers.push_back(argument.data());
     }

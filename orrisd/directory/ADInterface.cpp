@@ -64,7 +64,7 @@ std::string ADInterface::getZoneName() {
     } catch (const tessa::TESSAException&) {
         endDaemon("Error: this computer is not joined to a domain", EXIT_USAGE);
     }
-    const std::string name = zoneNameOf(getZoneDN());
+    std::string name = zoneNameOf(getZoneDN());
     if (name.empty()) {
         endDaemon("Cannot find zone name. Cannot determine NIS domain.", EXIT_QUORAD);
     }
@@ -116,7 +116,7 @@ std::string ADInterface::configuredDomain(const std::string& domain) {
     if (!config->exists(PROP_DOMAIN_NAME)) {
         return domain;
     }
-    const std::string configured = config->get(PROP_DOMAIN_NAME);
+    std::string configured = config->get(PROP_DOMAIN_NAME);
     if (!isSafeFileNamePart(configured)) {
         KARST_LOG(logger, tessa::LOG_WARN,
                   "Value '%s' of property %s cannot be part of a file name. Using %s",
@@ -203,7 +203,7 @@ ADInterface::getMapNames(const std::string& server) const {
 }
 
 std::string ADInterface::entryFilter(const tessa::Int64& fromUSN, const tessa::Int64& toUSN) {
-    const std::string upper = "(usnchanged<=" + toUSN.toString() + ")";
+    std::string upper = "(usnchanged<=" + toUSN.toString() + ")";
     if (fromUSN == tessa::Int64::ZERO) {
         return upper;
     }

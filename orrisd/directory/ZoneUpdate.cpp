@@ -103,8 +103,10 @@ ADInterface::ObjectVector ADInterface::readMapObjects(const std::string& zone,
         while (found->next(object)) {
             const std::string answeredBy = object[SERVER_NAME].asString();
             if (!answeredBy.empty() && !tessa::equalsIgnoreCase(answeredBy, server)) {
-                TESSA_THROW(tessa::IPCException, "map names of zone " + zone + " come from " +
-                                                     answeredBy + " instead of " + server);
+                std::string problem = "map names of zone " + zone;
+                problem += " come from " + answeredBy;
+                problem += " instead of " + server;
+                TESSA_THROW(tessa::IPCException, problem);
             }
             object.set(ZONE_DN, zone);
             object.set(SERVER_NAME, server);

@@ -19,7 +19,8 @@ GlobalMapSet::GlobalMapSet(const std::string& domain) : MapSet(domain, GLOBAL_NA
 
 GlobalMapSet::~GlobalMapSet() = default;
 
-boost::shared_ptr<ADNisMap> GlobalMapSet::makeADNisMap(boost::shared_ptr<NisCache> cache) const {
+boost::shared_ptr<ADNisMap>
+GlobalMapSet::makeADNisMap(const boost::shared_ptr<NisCache>& cache) const {
     return makeIntrinsicMap(cache);
 }
 

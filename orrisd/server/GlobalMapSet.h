@@ -14,7 +14,8 @@ public:
     ~GlobalMapSet() override;
 
     /// @return a null pointer for a cache that is of no intrinsic map
-    boost::shared_ptr<ADNisMap> makeADNisMap(boost::shared_ptr<NisCache> cache) const override;
+    boost::shared_ptr<ADNisMap>
+    makeADNisMap(const boost::shared_ptr<NisCache>& cache) const override;
     void update(bool rebuild, bool refresh) override;
 
 protected:

@@ -79,7 +79,7 @@ MapNames MapSet::getMapList() const {
     return names;
 }
 
-boost::shared_ptr<ADNisMap> MapSet::makeADNisMap(boost::shared_ptr<NisCache> cache) const {
+boost::shared_ptr<ADNisMap> MapSet::makeADNisMap(const boost::shared_ptr<NisCache>& cache) const {
     return makeDirectoryMap(cache);
 }
 
@@ -94,7 +94,7 @@ bool MapSet::serve(const std::string& name, const boost::shared_ptr<NisMap>& map
     return true;
 }
 
-void MapSet::install(boost::shared_ptr<ADNisMap> map) {
+void MapSet::install(const boost::shared_ptr<ADNisMap>& map) {
     const tessa::Lock lock(m_updateProtect);
     const std::string name = map->getName();
     const boost::shared_ptr<ADNisMap> before = m_adMaps[name];

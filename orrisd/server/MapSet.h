@@ -49,10 +49,11 @@ public:
     MapNames getMapList() const override;
 
     /// The map of the class that belongs to the cache's map name.
-    virtual boost::shared_ptr<ADNisMap> makeADNisMap(boost::shared_ptr<NisCache> cache) const;
+    virtual boost::shared_ptr<ADNisMap>
+    makeADNisMap(const boost::shared_ptr<NisCache>& cache) const;
     /// Puts the map in service, with its derived maps. A map that had the name is replaced, not
     /// discarded. Does nothing for what is in service already.
-    virtual void install(boost::shared_ptr<ADNisMap> map);
+    virtual void install(const boost::shared_ptr<ADNisMap>& map);
     virtual std::string getServerName() const;
     /// The set begins to serve clients: no map's order may be below the one that clients saw of the
     /// map of that name before.

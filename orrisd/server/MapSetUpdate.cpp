@@ -14,6 +14,8 @@
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <set>
 
 #include <unistd.h>
@@ -26,7 +28,7 @@ namespace {
 bool cacheFolderIsGone() {
     char* const path = getcwd(nullptr, 0);
     const bool gone = path == nullptr && errno == ENOENT;
-    free(path);
+    std::free(path);
     return gone;
 }
 
@@ -220,8 +222,7 @@ boost::shared_ptr<ADNisMap> MapSet::makeADNisMap(const std::string& name, const 
 boost::shared_ptr<NisCache> MapSet::makeCache(const std::string& name, const std::string& hierarchy,
                                               const std::string& dn,
                                               const std::string& zone) const {
-    const auto cache =
-        boost::make_shared<NisCache>(m_domain, name, m_serverName, hierarchy, zone, dn);
+    auto cache = boost::make_shared<NisCache>(m_domain, name, m_serverName, hierarchy, zone, dn);
     try {
         cache->setLastCurrentTime(m_lastCurrentTime);
     } catch (...) {

@@ -28,6 +28,7 @@ public:
         Garbage, ///< not an RPC message
     };
 
+    virtual ~CallTransport() = default;
     CallTransport(const CallTransport&) = delete;
     CallTransport& operator=(const CallTransport&) = delete;
 
@@ -35,7 +36,6 @@ public:
 
 protected:
     CallTransport(const RpcProgram& program, int socket);
-    virtual ~CallTransport() = default;
 
     void setPeer(const sockaddr_in& peer);
     /// Encodes and sends one reply.

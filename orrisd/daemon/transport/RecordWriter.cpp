@@ -51,6 +51,9 @@ bool RecordWriter::flush(bool last) {
     const std::uint32_t mark =
         htonl(static_cast<std::uint32_t>(payload) | (last ? LAST_FRAGMENT : 0));
     std::memcpy(m_buffer.data(), &mark, sizeof mark);
+    if (m_sent == 0 && !last) {
+        m_sink.longRecord();
+    }
     m_failed = !m_sink.sendAll(m_buffer.data(), m_used);
     m_sent += payload;
     m_used = MARK_SIZE;

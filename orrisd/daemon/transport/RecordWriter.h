@@ -10,12 +10,12 @@ namespace nis {
 /// Where a record's fragments go.
 class RecordSink {
 public:
+    virtual ~RecordSink() = default;
     /// Sends all bytes, waiting for the client if need be.
     /// @return false when the connection is of no further use
     virtual bool sendAll(const char* data, std::size_t size) = 0;
-
-protected:
-    virtual ~RecordSink() = default;
+    /// Called before the first fragment of a record that needs more than one.
+    virtual void longRecord() = 0;
 };
 
 /// An XDR encode stream that writes one record of a TCP stream: it collects bytes in a buffer and

@@ -53,38 +53,49 @@ bool SpareThreads::startSpare() {
     return true;
 }
 
-/// Called when the calling thread has just been put last in the list of those that stand still.
-void SpareThreads::coverPlace() {
+/// @return false when there is no thread left to take a place
+bool SpareThreads::placeIsCovered() {
     if (m_stopped || m_active >= m_places) {
-        return;
+        return true;
     }
     if (!m_parked.empty()) {
         Parked* spare = m_parked.back();
         m_parked.pop_back();
         spare->called = true;
         spare->wake.notify_one();
-        changeActive(1);
-    } else if (startSpare()) {
-        changeActive(1);
-    } else if (m_stalled.size() > 1) {
-        // Its thread comes back and makes the number right; only then is it off the list, so it
-        // goes to the back lest the next one in need gives up the same reply again.
-        m_stalled.front()->abort();
-        m_stalled.splice(std::prev(m_stalled.end()), m_stalled, m_stalled.begin());
+    } else if (!startSpare()) {
+        return false;
     }
+    changeActive(1);
+    return true;
 }
 
-SpareThreads::Absence::Absence(SpareThreads& spares, Stalled& stalled) : m_spares(spares) {
+SpareThreads::Absence::Absence(SpareThreads& spares) : m_spares(spares) {
     tessa::Lock lock(m_spares.m_mutex);
-    m_place = m_spares.m_stalled.insert(m_spares.m_stalled.end(), &stalled);
     m_spares.changeActive(-1);
-    m_spares.coverPlace();
+    m_spares.placeIsCovered();
 }
 
 SpareThreads::Absence::~Absence() {
     tessa::Lock lock(m_spares.m_mutex);
-    m_spares.m_stalled.erase(m_place);
     m_spares.changeActive(1);
+}
+
+SpareThreads::Stall::Stall(SpareThreads& spares, Stalled& stalled) : m_spares(spares) {
+    tessa::Lock lock(m_spares.m_mutex);
+    auto& all = m_spares.m_stalled;
+    m_place = all.insert(all.end(), &stalled);
+    if (!m_spares.placeIsCovered() && all.size() > 1) {
+        all.front()->abort();
+        // Its thread leaves the list a little later; the next one in need must not give up the
+        // same reply again.
+        all.splice(all.end(), all, all.begin());
+    }
+}
+
+SpareThreads::Stall::~Stall() {
+    tessa::Lock lock(m_spares.m_mutex);
+    m_spares.m_stalled.erase(m_place);
 }
 
 void SpareThreads::parkIfSurplus(const std::function<void()>& beforeParking) {

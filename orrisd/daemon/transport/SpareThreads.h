@@ -12,32 +12,42 @@
 
 namespace nis {
 
-/// Keeps as many threads at work as there are listener threads, however many of them stand still
-/// because a client does not read its reply.
+/// Keeps as many threads ready for calls as there are listener threads, however many of them are
+/// busy with a long reply or stand still because a client does not read it.
 ///
-/// A thread that must stand still says so with an Absence. Then a spare thread takes its place: one
-/// that is parked, or a new one. When it comes back, one thread too many is at work; the next that
-/// is about to look for work parks. At the limit of spares the reply that has stood still longest
-/// is given up instead, and its thread comes back. Thread-safe.
+/// A thread that is about to be away for long says so with an Absence. Then a spare thread takes
+/// its place: one that is parked, or a new one. When it comes back, one thread too many is ready;
+/// the next that is about to look for work parks. At the limit of spares, of the replies that stand
+/// still the one that has for longest is given up, and its thread comes back. Thread-safe.
 class SpareThreads {
 public:
     /// A reply under way that can be given up.
     class Stalled {
     public:
+        virtual ~Stalled() = default;
         /// Makes the thread that waits for this return soon. Called on another thread.
         virtual void abort() = 0;
-
-    protected:
-        virtual ~Stalled() = default;
     };
 
-    /// The calling thread stands still as long as this lives.
+    /// The calling thread is away from its place as long as this lives.
     class Absence {
     public:
-        Absence(SpareThreads& spares, Stalled& stalled);
+        explicit Absence(SpareThreads& spares);
         ~Absence();
         Absence(const Absence&) = delete;
         Absence& operator=(const Absence&) = delete;
+
+    private:
+        SpareThreads& m_spares;
+    };
+
+    /// The calling thread, which is away, stands still as long as this lives.
+    class Stall {
+    public:
+        Stall(SpareThreads& spares, Stalled& stalled);
+        ~Stall();
+        Stall(const Stall&) = delete;
+        Stall& operator=(const Stall&) = delete;
 
     private:
         SpareThreads& m_spares;
@@ -70,7 +80,7 @@ private:
         bool called = false;
     };
 
-    void coverPlace() KARST_REQUIRES(m_mutex);
+    bool placeIsCovered() KARST_REQUIRES(m_mutex);
     bool startSpare() KARST_REQUIRES(m_mutex);
     void changeActive(int by) KARST_REQUIRES(m_mutex);
 
@@ -79,7 +89,7 @@ private:
 
     mutable tessa::Mutex m_mutex;
     int m_places KARST_GUARDED_BY(m_mutex) = 0; ///< listener threads
-    int m_active KARST_GUARDED_BY(m_mutex) = 0; ///< threads neither parked nor standing still
+    int m_active KARST_GUARDED_BY(m_mutex) = 0; ///< threads neither parked nor away
     bool m_stopped KARST_GUARDED_BY(m_mutex) = false;
     std::vector<Parked*> m_parked KARST_GUARDED_BY(m_mutex);
     std::list<Stalled*> m_stalled KARST_GUARDED_BY(m_mutex); ///< longest first

@@ -7,7 +7,6 @@
 #include "daemon/transport/Worker.h"
 
 #include <cerrno>
-#include <optional>
 
 #include <arpa/inet.h>
 #include <poll.h>
@@ -137,7 +136,19 @@ bool TcpConnection::serveRecord(std::span<char> record, Worker& worker) {
     }
     m_halfRecord = false;
     StreamCall call(m_transport.loop().program(), *this, worker);
-    return call.serve(record) != CallTransport::Outcome::Garbage && !call.broken();
+    const CallTransport::Outcome outcome = call.serve(record);
+    m_absence.reset();
+    return outcome != CallTransport::Outcome::Garbage && !call.broken();
+}
+
+void TcpConnection::beAbsent() {
+    if (!m_absence) {
+        m_absence.emplace(m_transport.loop().spares());
+    }
+}
+
+void TcpConnection::longRecord() {
+    beAbsent();
 }
 
 bool TcpConnection::sendAll(const char* data, std::size_t size) {
@@ -169,7 +180,8 @@ bool TcpConnection::waitForRoom(Clock::time_point lastProgress) {
     pollfd room{m_socket, POLLOUT, 0};
     int ready = 0;
     {
-        const SpareThreads::Absence absence(m_transport.loop().spares(), *this);
+        beAbsent();
+        const SpareThreads::Stall stall(m_transport.loop().spares(), *this);
         do {
             const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
             ready = m_transport.loop().stopping() || m_aborted || left <= 0

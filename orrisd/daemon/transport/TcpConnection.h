@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <list>
+#include <optional>
 #include <span>
 
 #include <netinet/in.h>
@@ -22,7 +23,8 @@ class TcpTransport;
 
 /// One client's TCP connection. Its descriptor is one-shot in the poller, so one thread at a time
 /// serves it: it reads what has come, answers each complete call in order and arms the descriptor
-/// again. No thread ever waits for input. Waiting for room for output is an Absence.
+/// again. No thread ever waits for input. A thread that sends a long reply, or waits for room for
+/// output, is absent from its place meanwhile.
 ///
 /// Owned by the transport. Only the thread that serves it lets it be destroyed; whoever else wants
 /// it to end shuts its socket down, which wakes a thread to do so.
@@ -39,6 +41,7 @@ public:
 
     void onReady(Worker& worker) override;
     bool sendAll(const char* data, std::size_t size) override;
+    void longRecord() override;
     void abort() override;
 
     int socket() const { return m_socket; }
@@ -60,12 +63,15 @@ private:
     void endTurn() KARST_REQUIRES(m_serving);
     bool serveRecords(std::span<char> input, Worker& worker) KARST_REQUIRES(m_serving);
     bool serveRecord(std::span<char> record, Worker& worker) KARST_REQUIRES(m_serving);
+    void beAbsent();
     bool waitForRoom(Clock::time_point lastProgress);
 
     TcpTransport& m_transport;
     const int m_socket;
     const sockaddr_in m_peer;
     std::atomic<bool> m_aborted{false};
+    /// Of a thread that sends a long reply. Short calls must not wait until it is through.
+    std::optional<SpareThreads::Absence> m_absence;
 
     /// Held from wake-up until the descriptor is armed again. The poller already lets one thread in
     /// at a time; the mutex orders their memory accesses.

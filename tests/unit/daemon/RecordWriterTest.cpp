@@ -20,6 +20,8 @@ public:
         fragments.emplace_back(data, size);
         return true;
     }
+    void longRecord() override { ++longRecords; }
+    int longRecords = 0;
     std::vector<std::string> fragments;
     std::size_t refuseFrom = SIZE_MAX;
 };
@@ -45,6 +47,7 @@ TEST_F(RecordWriter, a_small_record_is_one_last_fragment) {
     ASSERT_EQ(sink.fragments.size(), 1U);
     EXPECT_EQ(word(sink.fragments[0], 0), 0x80000004U);
     EXPECT_EQ(word(sink.fragments[0], 4), 0x01020304U);
+    EXPECT_EQ(sink.longRecords, 0);
 }
 
 TEST_F(RecordWriter, a_full_buffer_goes_out_as_a_fragment_that_is_not_the_last) {
@@ -62,6 +65,7 @@ TEST_F(RecordWriter, a_full_buffer_goes_out_as_a_fragment_that_is_not_the_last) 
         payload += fragment.substr(4);
     }
     EXPECT_EQ(payload, bytes);
+    EXPECT_EQ(sink.longRecords, 1);
 }
 
 TEST_F(RecordWriter, room_in_one_piece_is_given_only_where_there_is) {

@@ -685,6 +685,16 @@ TEST_F(ServiceLoop, a_slow_reader_gets_everything) {
     EXPECT_EQ(client.exchange({.xid = 2}), accepted(2, 0));
 }
 
+TEST_F(ServiceLoop, long_replies_under_way_do_not_hold_up_short_ones) {
+    start(1);
+    TcpClient client = tcpClient();
+    client.call({.xid = 1, .procedure = STREAM, .arguments = word(10'000'000)});
+    std::thread reader([&client] { EXPECT_EQ(client.receive().value_or("").size(), 40'000'024U); });
+    EXPECT_TRUE(test::eventually([this] { return loop->spareThreads() == 1; }));
+    expectService();
+    reader.join();
+}
+
 TEST_F(ServiceLoop, spare_threads_are_used_again) {
     start(1);
     for (int round = 0; round < 5; ++round) {

@@ -22,6 +22,7 @@ public:
     struct Search {
         Outcome outcome = Outcome::FINE;
         std::vector<tessa::ADObject> objects;
+        std::string onlyFilter; ///< other filters find nothing; empty: all do
     };
     struct State {
         std::map<std::string, std::string> settings{
@@ -169,7 +170,9 @@ private:
         if (found == m_state.searches.end() || found->second.outcome == Outcome::MISSING) {
             return Daemon::failure(Q_NOT_FOUND, "no such object");
         }
-        const Search& known = found->second;
+        static const Search nothing;
+        const std::string& only = found->second.onlyFilter;
+        const Search& known = only.empty() || only == m_state.filter ? found->second : nothing;
         if (known.outcome == Outcome::UNAVAILABLE) {
             return Daemon::failure(Q_UNAVAILABLE, "no controller answers");
         }

@@ -19,9 +19,10 @@ protected:
     ~FakeDirectoryFixture() override { nis::setADInterface({}); }
 
     void entries(std::vector<tessa::ADObject> objects,
-                 FakeQuorad::Outcome outcome = FakeQuorad::Outcome::FINE) {
+                 FakeQuorad::Outcome outcome = FakeQuorad::Outcome::FINE,
+                 const std::string& onlyFilter = "") {
         m_quorad.set([&](auto& state) {
-            state.searches[MAP_DN] = {outcome, std::move(objects)};
+            state.searches[MAP_DN] = {outcome, std::move(objects), onlyFilter};
             state.filter.clear();
         });
     }

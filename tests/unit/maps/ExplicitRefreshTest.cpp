@@ -150,12 +150,24 @@ TEST_F(ExplicitRefreshTest, BrokenRebuildLeavesAMapThatIsServedAfterARestart) {
     auto map = makeMap();
     entries({entry("1", "a", "1")});
     map->initialize(50);
-    entries({entry("1", "a", "2")}, FakeQuorad::Outcome::BREAKS_AFTER_A_PAGE);
+    entries({entry("1", "a", "2")}, FakeQuorad::Outcome::BREAKS_AFTER_A_PAGE, "(usnchanged<=60)");
     EXPECT_THROW(map->rebuild(60), tessa::IPCException);
     EXPECT_EQ(map->getHighUSN(), tessa::Int64(50));
     const auto again = reopen(map);
     EXPECT_EQ(again->getHighUSN(), tessa::Int64(50));
     EXPECT_EQ(walk(*again), (Entries{{"a", "2"}}));
+}
+
+TEST_F(ExplicitRefreshTest, RebuildThatCannotAskForDeletions) {
+    auto map = makeMap();
+    entries({entry("1", "a", "1")});
+    map->initialize(50);
+    entries({entry("1", "a", "2")}, FakeQuorad::Outcome::UNAVAILABLE);
+    EXPECT_THROW(map->rebuild(60), tessa::IPCException);
+    EXPECT_EQ(map->getHighUSN(), tessa::Int64(50));
+    const auto again = reopen(map);
+    EXPECT_EQ(again->getHighUSN(), tessa::Int64(50));
+    EXPECT_EQ(walk(*again), (Entries{{"a", "1"}}));
 }
 
 TEST_F(ExplicitRefreshTest, ProcessThatDiesInARebuildLeavesTheMapAsItWas) {
@@ -171,7 +183,7 @@ TEST_F(ExplicitRefreshTest, ProcessThatDiesInARebuildLeavesTheMapAsItWas) {
     for (auto& object : many) {
         object.set("adminDescription", std::string(3000, 'n'));
     }
-    entries(many, FakeQuorad::Outcome::BREAKS_AFTER_A_PAGE);
+    entries(many, FakeQuorad::Outcome::BREAKS_AFTER_A_PAGE, "(usnchanged<=60)");
     const std::string file = map->cache()->getFilename();
     m_quorad.set([&](auto& state) {
         state.onBreak = [file] {
@@ -284,6 +296,17 @@ TEST_F(ExplicitWithQuoradTest, MapFollowsTheDirectory) {
     EXPECT_EQ(map->getOrder(), order);
     map->rebuild(TestDirectory::highestCommittedUSN());
     EXPECT_EQ(walk(*derived.front()).size(), 3U);
+}
+
+// What is gone shows only in a search for changes, which a reading from the start is not.
+TEST_F(ExplicitWithQuoradTest, RebuildNoticesDeletions) {
+    const auto map = makeMap();
+    map->initialize(TestDirectory::highestCommittedUSN());
+    m_quorad.replace(start() + TestDirectory::entry("hosts", "alpha", "alpha", "10.0.0.1 alpha a"));
+    map->rebuild(TestDirectory::highestCommittedUSN());
+    EXPECT_EQ(walk(*map), (Entries{{"a", "10.0.0.1 alpha a"}, {"alpha", "10.0.0.1 alpha a"}}));
+    map->update(TestDirectory::highestCommittedUSN());
+    EXPECT_EQ(walk(*map).size(), 2U);
 }
 
 TEST_F(ExplicitWithQuoradTest, OutageLeavesTheMapServed) {
