@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -35,7 +36,6 @@ std::string commandOf(pid_t pid) {
     return name;
 }
 
-// In the child of a child, which nobody waits for.
 [[noreturn]] void become(const std::string& program, std::vector<std::string> arguments,
                          int report) {
     sigset_t none;
@@ -148,19 +148,17 @@ bool System::launch(int restarts) {
     std::vector<std::string> arguments{m_program};
     arguments.insert(arguments.end(), m_arguments.begin(), m_arguments.end());
     ::setenv(RESTARTS, std::to_string(restarts).c_str(), 1);
+    // A daemon that detaches itself is to become a child of this process, which learns of its end.
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+    m_lastExitWasGood = false;
     const pid_t child = ::fork();
     if (child == 0) {
         ::setsid();
-        const pid_t grandchild = ::fork();
-        if (grandchild == 0) {
-            become(m_program, arguments, report[1]);
-        }
-        _exit(grandchild < 0 ? EXEC_FAILED : 0);
+        become(m_program, arguments, report[1]);
     }
     ::close(report[1]);
-    int status = EXEC_FAILED;
     int error = 0;
-    bool started = child > 0 && ::waitpid(child, &status, 0) == child && status == 0;
+    bool started = child > 0;
     // The other end closes when the program has taken over.
     if (::read(report[0], &error, sizeof(error)) > 0) {
         started = false;
@@ -169,6 +167,21 @@ bool System::launch(int restarts) {
     }
     ::close(report[0]);
     return started;
+}
+
+Launched System::launched() {
+    int status = 0;
+    pid_t ended = 0;
+    while ((ended = ::waitpid(-1, &status, WNOHANG)) > 0) {
+        // The watchdog of a daemon that ends is killed, and says nothing about the daemon.
+        if (WIFEXITED(status)) {
+            m_lastExitWasGood = WEXITSTATUS(status) == 0;
+        }
+    }
+    if (ended == 0) {
+        return Launched::ALIVE;
+    }
+    return m_lastExitWasGood ? Launched::ENDED : Launched::FAILED;
 }
 
 } // namespace orrisguard

@@ -31,12 +31,14 @@ public:
     void stepAside() override;
     Process running() override;
     bool launch(int restarts) override;
+    Launched launched() override;
 
 private:
     Probe m_probe;
     const std::string m_program;
     const std::vector<std::string> m_arguments;
     const std::string m_pidFile;
+    bool m_lastExitWasGood = false; ///< of the processes that came of the last launch
 };
 
 } // namespace orrisguard

@@ -89,6 +89,15 @@ bool Watch::awaitSuccessor() {
                       successor.pid);
             return true;
         }
+        // One that came and went between two looks took its own watchdog along.
+        const Launched state = m_surroundings.launched();
+        if (state == Launched::ENDED) {
+            KARST_LOG(m_logger, tessa::LOG_INFORMATION, "orrisd ran again and was ended");
+            return true;
+        }
+        if (state == Launched::FAILED) {
+            return false;
+        }
         m_surroundings.sleep(std::chrono::seconds(1));
     }
     return false;

@@ -25,6 +25,13 @@ enum class Answer {
     UNKNOWN ///< it could not be asked: nobody knows its port yet
 };
 
+/// What has become of a daemon that was launched.
+enum class Launched {
+    ALIVE,
+    ENDED, ///< in an orderly way: somebody told it to
+    FAILED
+};
+
 /// The keys "nisd.watch." of the configuration.
 struct Settings {
     std::chrono::seconds frequency{30};    ///< between two looks
@@ -55,6 +62,8 @@ public:
     /// Starts the daemon, and tells its watchdog of the restarts so far.
     /// @return false when that was not possible
     virtual bool launch(int restarts) = 0;
+    /// Of the last launch.
+    virtual Launched launched() = 0;
 };
 
 /// Looks after one daemon until it has been replaced: a daemon that was started again brings a

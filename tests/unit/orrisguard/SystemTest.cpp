@@ -11,6 +11,7 @@
 #include <string>
 
 #include <netinet/in.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -159,6 +160,43 @@ TEST_F(SystemTest, stepsAside) {
     EXPECT_NE(other, child);
     ::close(report[0]);
     ::close(report[1]);
+}
+
+TEST_F(SystemTest, learnsHowALaunchedDaemonEnds) {
+    const auto launched = [this](const std::string& script) {
+        test::writeFile(path("daemon"), "#!/bin/sh\n" + script + "\n");
+        std::filesystem::permissions(path("daemon"), std::filesystem::perms::owner_all);
+        System system = make(path("daemon"));
+        EXPECT_TRUE(system.launch(1));
+        Launched state = system.launched();
+        for (int i = 0; i < 1000 && state == Launched::ALIVE; ++i) {
+            ::usleep(10'000);
+            state = system.launched();
+        }
+        return state;
+    };
+    EXPECT_EQ(launched("exit 0"), Launched::ENDED);
+    EXPECT_EQ(launched("exit 5"), Launched::FAILED);
+    EXPECT_EQ(launched("kill -9 $$"), Launched::FAILED);
+    EXPECT_EQ(launched("(sleep 0.1; exit 5) & exit 0"), Launched::FAILED) << "detached";
+    EXPECT_EQ(launched("(sleep 0.1; exit 0) & exit 0"), Launched::ENDED) << "detached";
+    EXPECT_EQ(launched("sh -c 'kill -9 $$' & wait; exit 0"), Launched::ENDED) << "its watchdog";
+    ::unsetenv(System::RESTARTS);
+}
+
+TEST_F(SystemTest, aLaunchedDaemonLives) {
+    test::writeFile(path("daemon"), "#!/bin/sh\nread line < " + path("fifo") + "\n");
+    std::filesystem::permissions(path("daemon"), std::filesystem::perms::owner_all);
+    ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
+    System system = make(path("daemon"));
+    ASSERT_TRUE(system.launch(1));
+    EXPECT_EQ(system.launched(), Launched::ALIVE);
+    test::writeFile(path("fifo"), "end\n");
+    while (system.launched() == Launched::ALIVE) {
+        ::usleep(10'000);
+    }
+    EXPECT_EQ(system.launched(), Launched::ENDED);
+    ::unsetenv(System::RESTARTS);
 }
 
 } // namespace

@@ -30,6 +30,8 @@ public:
     std::chrono::seconds diesAfterTerm = 1s; ///< negative: does not
     std::deque<bool> launches;               ///< whether each launch brings a daemon
     Process pidFile = DAEMON;
+    Launched state = Launched::ALIVE;
+    bool forgets = false; ///< whether launched daemons are gone before anybody looks
     std::vector<std::string> deeds;
 
     static Time at(std::chrono::seconds time) { return Time{} + time; }
@@ -72,11 +74,12 @@ public:
         if (!launches.empty()) {
             launches.pop_front();
         }
-        if (comes) {
+        if (comes && !forgets) {
             pidFile = SUCCESSOR;
         }
         return comes;
     }
+    Launched launched() override { return state; }
 
     void note(const std::string& deed) {
         deeds.push_back(std::to_string(std::chrono::duration_cast<std::chrono::seconds>(
@@ -95,6 +98,25 @@ TEST(Watch, aDaemonThatIsGoneIsStartedAgain) {
     world.endsAt = World::at(100s);
     EXPECT_EQ(watch(world), 0);
     EXPECT_THAT(world.deeds, ElementsAre("101 launch 1"));
+}
+
+TEST(Watch, aSuccessorThatWasEndedBeforeItWasSeenStaysEnded) {
+    World world;
+    world.endsAt = World::at(100s);
+    world.state = Launched::ENDED;
+    world.forgets = true;
+    EXPECT_EQ(watch(world), 0);
+    EXPECT_THAT(world.deeds, ElementsAre("101 launch 1"));
+}
+
+TEST(Watch, aSuccessorThatFailsIsNotWaitedFor) {
+    World world;
+    world.endsAt = World::at(100s);
+    world.state = Launched::FAILED;
+    world.forgets = true;
+    EXPECT_EQ(watch(world), 1);
+    EXPECT_THAT(world.deeds, ElementsAre("101 launch 1", "103 launch 2", "107 launch 3",
+                                         "115 launch 4", "131 launch 5"));
 }
 
 TEST(Watch, aDaemonThatAnswersIsLeftAlone) {
