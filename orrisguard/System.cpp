@@ -48,7 +48,9 @@ std::string commandOf(pid_t pid) {
     pointers.push_back(nullptr);
     ::execv(program.c_str(), pointers.data());
     const int error = errno;
-    static_cast<void>(::write(report, &error, sizeof(error)));
+    // Should the report be lost, the exit status still tells.
+    while (::write(report, &error, sizeof(error)) < 0 && errno == EINTR) {
+    }
     _exit(EXEC_FAILED);
 }
 
