@@ -5,8 +5,9 @@
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 
 build_packages=(g++ cmake ninja-build pkg-config libboost-dev libsqlite3-dev libtirpc-dev
-    rpcsvc-proto libgtest-dev libgmock-dev)
-run_packages=(rpcbind yp-tools ypbind-mt libnss-nis iproute2 util-linux python3 procps)
+    rpcsvc-proto libgtest-dev libgmock-dev libldap-dev libsasl2-dev libkrb5-dev)
+run_packages=(rpcbind yp-tools ypbind-mt libnss-nis iproute2 util-linux python3 procps
+    libsasl2-modules-gssapi-mit)
 
 heading() {
     printf '\n==== %s\n' "$*"
