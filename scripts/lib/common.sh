@@ -8,6 +8,9 @@ build_packages=(g++ cmake ninja-build pkg-config libboost-dev libsqlite3-dev lib
     rpcsvc-proto libgtest-dev libgmock-dev libldap-dev libsasl2-dev libkrb5-dev)
 run_packages=(rpcbind yp-tools ypbind-mt libnss-nis iproute2 util-linux python3 procps
     libsasl2-modules-gssapi-mit)
+# The domain controllers of tests/ad and the tools that look at them.
+lab_packages=(samba samba-ad-dc samba-ad-provision samba-dsdb-modules samba-vfs-modules python3-samba
+    winbind krb5-user ldap-utils ldb-tools libsasl2-modules bind9-dnsutils openssl faketime)
 
 heading() {
     printf '\n==== %s\n' "$*"
