@@ -35,12 +35,15 @@ class Kerberos {
 public:
     Kerberos(std::string keytab, std::string principal)
         : m_keytab(std::move(keytab)), m_principal(std::move(principal)) {}
+    virtual ~Kerberos() = default;
+    Kerberos(const Kerberos&) = delete;
+    Kerberos& operator=(const Kerberos&) = delete;
 
     /// Tickets that are good for a while. May take as long as the key distribution centres do.
     /// @throws tessa::IPCException that says what is wrong and what to do
-    std::shared_ptr<const Ticket> ticket();
+    virtual std::shared_ptr<const Ticket> ticket();
     /// These did not work: the next call gets others.
-    void forget(const std::shared_ptr<const Ticket>& ticket);
+    virtual void forget(const std::shared_ptr<const Ticket>& ticket);
 
 private:
     /// Identity and age of the keytab.
