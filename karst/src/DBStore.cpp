@@ -15,6 +15,8 @@ namespace tessa {
 
 namespace {
 
+constexpr std::size_t READ_AHEAD_RECORDS = 256;
+
 /// The open stores of the process. Its mutex is taken before that of any store.
 struct OpenStores {
     Mutex mutex;
@@ -108,6 +110,10 @@ void DBStore::store(const DBThing& key, const DBThing& value, bool replace) {
 }
 
 DBItem DBStore::fetch(const DBThing& key) const {
+    DBItem item;
+    if (m_impl->recall(key.view(), item)) {
+        return item;
+    }
     const Lock lock(mutex());
     return m_impl->fetch(key.view());
 }
@@ -128,8 +134,12 @@ DBItem DBStore::getNext(const DBThing& key) const {
 }
 
 DBStore::Record DBStore::seek(const DBThing& key, bool inclusive) const {
+    Record record;
+    if (!inclusive && m_impl->recallNext(key.view(), record)) {
+        return record;
+    }
     const Lock lock(mutex());
-    return m_impl->seek(key.view(), inclusive);
+    return inclusive ? m_impl->seek(key.view(), true) : m_impl->seekAhead(key.view());
 }
 
 std::unique_ptr<DBIterator> DBStore::getIterator() const {
@@ -211,7 +221,7 @@ DBItem DBIterator::next() {
 
 void DBIterator::readAhead() {
     const Lock lock(m_store.mutex());
-    m_ahead = m_store.m_impl->readAhead(m_record.key, !m_started);
+    m_ahead = m_store.m_impl->readAhead(m_record.key, !m_started, READ_AHEAD_RECORDS);
     m_next = 0;
     m_started = true;
     m_ended = m_ahead.empty();

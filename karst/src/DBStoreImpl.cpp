@@ -98,6 +98,7 @@ void DBStore::Impl::open(const std::string& name, DBMode mode, unsigned permissi
         checkIdentity();
         prepareStatements();
         loadDigest();
+        forgetAll(true);
     } catch (...) {
         close(false);
         if (mode == DB_CREATE) {
@@ -203,6 +204,7 @@ void DBStore::Impl::close(bool flush) {
     if (!isOpen()) {
         return;
     }
+    forgetAll(false);
     std::string failure;
     if (m_depth > 0 && !m_lost && flush) {
         try {

@@ -1,10 +1,12 @@
 #pragma once
 
+#include "RecordCache.h"
 #include "karst/DBStore.h"
 
 #include <sqlite3.h>
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -19,7 +21,8 @@ namespace tessa {
 std::uint64_t recordChecksum(std::string_view key, std::string_view value);
 
 /// The SQLite side of a DBStore: connection, prepared statements, transactions, and the digest of
-/// the whole content. Owned by its DBStore and used under that store's mutex only.
+/// the whole content. Owned by its DBStore and used under that store's mutex only, but for the
+/// operations that ask what is remembered.
 ///
 /// The digest (number of records, and the sum of their checksums) is changed in the same
 /// transaction as the records, so a file that mixes pages of several moments, as a loss of power
@@ -39,11 +42,18 @@ public:
 
     void put(std::string_view key, std::string_view value, bool replace);
     void remove(std::string_view key);
+    /// As fetch() and seek() behind the key, from the records read lately. Takes no mutex.
+    /// @return false when nothing is remembered
+    bool recall(std::string_view key, DBItem& value) const;
+    bool recallNext(std::string_view key, Record& record) const;
+
     DBItem fetch(std::string_view key);
     DBItem firstKey();
     DBItem keyAfter(std::string_view key);
     Record seek(std::string_view key, bool inclusive);
-    std::vector<Record> readAhead(std::string_view key, bool inclusive);
+    /// The record behind the key; remembers some that follow it.
+    Record seekAhead(std::string_view key);
+    std::vector<Record> readAhead(std::string_view key, bool inclusive, std::size_t most);
     void verify();
 
     // Batches; `opening` counts the calls of open(), so that a batch cannot end a later one's.
@@ -83,6 +93,9 @@ private:
     void applyPut(std::string_view key, std::string_view value, bool replace);
     void applyRemove(std::string_view key);
 
+    void forget(std::string_view key);
+    void forgetAll(bool isOpen);
+
     void requireOpen() const;
     std::string_view checkedValue(std::string_view key, std::string_view stored) const;
     [[noreturn]] void fail(const char* doing) const;
@@ -104,6 +117,12 @@ private:
     bool m_digestKnown = false;
     unsigned long m_rollbacks = 0;
     unsigned long m_opening = 0;
+
+    // Under which the records read lately are remembered: single ones until they change, and which
+    // follows which until anything changes. What a batch reads is not remembered: it reads much
+    // that nobody else asks for. Set under the mutex.
+    std::atomic<RecordCache::Owner> m_recordOwner{RecordCache::NOBODY};
+    std::atomic<RecordCache::Owner> m_walkOwner{RecordCache::NOBODY};
 };
 
 } // namespace tessa

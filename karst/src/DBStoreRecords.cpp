@@ -30,7 +30,7 @@ constexpr std::array<const char*, 14> SQL = {
 };
 
 constexpr std::size_t CHECKSUM_SIZE = sizeof(std::uint64_t);
-constexpr std::size_t READ_AHEAD_RECORDS = 256;
+constexpr std::size_t WALK_AHEAD_RECORDS = 32;
 constexpr std::size_t READ_AHEAD_BYTES = std::size_t{64} * 1024;
 
 // Odd constants with well-spread bits (binary digits of pi).
@@ -93,13 +93,43 @@ std::string_view DBStore::Impl::checkedValue(std::string_view key, std::string_v
     return value;
 }
 
+bool DBStore::Impl::recall(std::string_view key, DBItem& value) const {
+    RecordCache::Finding finding = RecordCache::instance().find(m_recordOwner, key);
+    value = std::move(finding.value);
+    return finding.known;
+}
+
+bool DBStore::Impl::recallNext(std::string_view key, Record& record) const {
+    const RecordCache::Finding finding = RecordCache::instance().find(m_walkOwner, key);
+    if (finding.present) {
+        record = {true, finding.key.toString(), finding.value.toString()};
+    }
+    return finding.known;
+}
+
+void DBStore::Impl::forget(std::string_view key) {
+    RecordCache::instance().forget(m_recordOwner, key);
+    m_walkOwner = RecordCache::newOwner();
+}
+
+void DBStore::Impl::forgetAll(bool isOpen) {
+    m_recordOwner = isOpen ? RecordCache::newOwner() : RecordCache::NOBODY;
+    m_walkOwner = isOpen ? RecordCache::newOwner() : RecordCache::NOBODY;
+}
+
 DBItem DBStore::Impl::fetch(std::string_view key) {
     requireOpen();
     Query query(*this, FETCH, "fetch");
     if (!query.bind(1, key).row()) {
+        if (m_depth == 0) {
+            RecordCache::instance().insertAbsent(m_recordOwner, key);
+        }
         return {};
     }
     const std::string_view value = checkedValue(key, query.bytes(0));
+    if (m_depth == 0) {
+        RecordCache::instance().insert(m_recordOwner, key, {}, value);
+    }
     return {value.data(), value.size()};
 }
 
@@ -136,13 +166,28 @@ DBStore::Record DBStore::Impl::seek(std::string_view key, bool inclusive) {
     return record;
 }
 
-std::vector<DBStore::Record> DBStore::Impl::readAhead(std::string_view key, bool inclusive) {
+DBStore::Record DBStore::Impl::seekAhead(std::string_view key) {
+    if (m_depth > 0) {
+        return seek(key, false);
+    }
+    std::vector<Record> records = readAhead(key, false, WALK_AHEAD_RECORDS);
+    RecordCache& cache = RecordCache::instance();
+    std::string_view before = key;
+    for (const Record& record : records) {
+        cache.insert(m_walkOwner, before, record.key, record.value);
+        before = record.key;
+    }
+    return records.empty() ? Record{} : std::move(records.front());
+}
+
+std::vector<DBStore::Record> DBStore::Impl::readAhead(std::string_view key, bool inclusive,
+                                                      std::size_t most) {
     requireOpen();
     std::vector<Record> records;
     std::size_t bytes = 0;
     Query query(*this, inclusive ? SEEK_FROM : SEEK_AFTER, "read");
     query.bind(1, key);
-    while (records.size() < READ_AHEAD_RECORDS && bytes < READ_AHEAD_BYTES && query.row()) {
+    while (records.size() < most && bytes < READ_AHEAD_BYTES && query.row()) {
         const std::string_view found = query.bytes(0);
         const std::string_view value = checkedValue(found, query.bytes(1));
         records.push_back({true, std::string(found), std::string(value)});
@@ -157,11 +202,13 @@ void DBStore::Impl::put(std::string_view key, std::string_view value, bool repla
     if (key.size() + value.size() > 900'000'000) {
         failText("store: the record is too large");
     }
+    forget(key);
     change([&] { applyPut(key, value, replace); });
 }
 
 void DBStore::Impl::remove(std::string_view key) {
     requireOpen();
+    forget(key);
     change([&] { applyRemove(key); });
 }
 
@@ -272,6 +319,7 @@ void DBStore::Impl::rollBack() {
 
 void DBStore::Impl::noteRollback() {
     m_digestKnown = false;
+    forgetAll(true);
     ++m_rollbacks;
 }
 

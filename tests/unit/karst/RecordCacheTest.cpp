@@ -1,0 +1,177 @@
+#include "RecordCache.h"
+
+#include "support/TempFolder.h"
+
+#include <karst/DBStore.h>
+#include <karst/Exceptions.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace tessa;
+
+std::string valueOf(const RecordCache& cache, RecordCache::Owner owner, const std::string& key) {
+    const RecordCache::Finding found = cache.find(owner, key);
+    return !found.known ? "(unknown)" : found.present ? found.value.toString() : "(absent)";
+}
+
+TEST(RecordCacheTest, KnowsWhatWasInsertedUnderTheOwner) {
+    RecordCache cache(1 << 20);
+    EXPECT_EQ(valueOf(cache, 1, "a"), "(unknown)");
+    cache.insert(1, "a", {}, "one");
+    cache.insert(2, "a", {}, "two");
+    cache.insert(1, "", {}, "");
+    EXPECT_EQ(valueOf(cache, 1, "a"), "one");
+    EXPECT_EQ(valueOf(cache, 2, "a"), "two");
+    EXPECT_EQ(valueOf(cache, 3, "a"), "(unknown)");
+    EXPECT_EQ(valueOf(cache, 1, ""), "") << "an empty record is a record";
+    cache.insert(1, "a", {}, "three");
+    EXPECT_EQ(valueOf(cache, 1, "a"), "three");
+    cache.forget(1, "a");
+    cache.forget(1, "never there");
+    EXPECT_EQ(valueOf(cache, 1, "a"), "(unknown)");
+    EXPECT_EQ(valueOf(cache, 2, "a"), "two");
+}
+
+TEST(RecordCacheTest, KnowsWhatIsNotThereAndWhatFollows) {
+    RecordCache cache(1 << 20);
+    cache.insertAbsent(1, "a");
+    EXPECT_EQ(valueOf(cache, 1, "a"), "(absent)");
+    cache.insert(1, "a", "b", "value of b");
+    const RecordCache::Finding found = cache.find(1, "a");
+    EXPECT_EQ(found.key.toString(), "b");
+    EXPECT_EQ(found.value.toString(), "value of b");
+}
+
+TEST(RecordCacheTest, KeepsWithinItsMemory) {
+    constexpr std::size_t MEMORY = 1 << 20;
+    RecordCache cache(MEMORY);
+    const std::string value(200, 'v');
+    for (int i = 0; i < 50'000; ++i) {
+        cache.insert(1, std::to_string(i), {}, value);
+        ASSERT_EQ(valueOf(cache, 1, std::to_string(i)), value);
+    }
+    EXPECT_LE(cache.memory(), MEMORY);
+    EXPECT_GT(cache.memory(), MEMORY / 4);
+}
+
+TEST(RecordCacheTest, PrefersWhatIsAskedForToWhatIsReadAhead) {
+    RecordCache cache(1 << 20);
+    cache.insert(1, "often", {}, "asked for");
+    for (int i = 0; i < 100'000; ++i) {
+        const std::string key = std::to_string(i);
+        cache.insert(2, key, key + "+", "walked once");
+        cache.find(2, key);
+        ASSERT_EQ(valueOf(cache, 1, "often"), "asked for") << i;
+    }
+}
+
+TEST(RecordCacheTest, LargeRecordsAreNotKept) {
+    RecordCache cache(1 << 20);
+    cache.insert(1, "a", {}, "small");
+    cache.insert(1, "a", {}, std::string(RecordCache::LARGEST + 1, 'x'));
+    EXPECT_EQ(valueOf(cache, 1, "a"), "(unknown)") << "nor is the one before";
+    RecordCache tiny(64);
+    tiny.insert(1, "a", {}, "larger than a shard");
+    EXPECT_EQ(valueOf(tiny, 1, "a"), "(unknown)");
+}
+
+/// A store whose reads come from the cache wherever they can.
+class CachedStoreTest : public testing::Test {
+protected:
+    CachedStoreTest() { m_store.open((m_folder.path() / "store").string(), DB_CREATE, 0600); }
+    std::string get(const std::string& key) const {
+        const DBItem item = m_store.fetch(key);
+        return item.present() ? item.toString() : "(absent)";
+    }
+    std::string walk() const {
+        std::string keys;
+        DBStore::Record record = m_store.seek(std::string(), false);
+        for (; record.found; record = m_store.seek(record.key, false)) {
+            keys += record.key + "=" + record.value + " ";
+        }
+        return keys;
+    }
+
+    test::TempFolder m_folder;
+    DBStore m_store;
+};
+
+TEST_F(CachedStoreTest, ReadsSeeEveryWriteAtOnce) {
+    EXPECT_EQ(get("a"), "(absent)");
+    EXPECT_EQ(walk(), "");
+    m_store.store(std::string("a"), std::string("1"), false);
+    EXPECT_EQ(get("a"), "1");
+    EXPECT_EQ(walk(), "a=1 ");
+    m_store.store(std::string("c"), std::string("3"), false);
+    m_store.store(std::string("b"), std::string("2"), false);
+    EXPECT_EQ(walk(), "a=1 b=2 c=3 ");
+    m_store.store(std::string("a"), std::string("11"), true);
+    EXPECT_EQ(get("a"), "11");
+    EXPECT_EQ(walk(), "a=11 b=2 c=3 ");
+    m_store.remove(std::string("b"));
+    EXPECT_EQ(get("b"), "(absent)");
+    EXPECT_EQ(walk(), "a=11 c=3 ");
+    EXPECT_THROW(m_store.store(std::string("a"), std::string("no"), false), DBException);
+    EXPECT_EQ(get("a"), "11");
+}
+
+TEST_F(CachedStoreTest, BatchThatIsGivenUpTakesBackWhatReadersSaw) {
+    m_store.store(std::string("a"), std::string("old"), false);
+    EXPECT_EQ(get("a"), "old");
+    m_store.beforeCommit([] { throw DBException("given up", "here"); });
+    {
+        DBStore::Batch batch(m_store);
+        m_store.store(std::string("a"), std::string("new"), true);
+        m_store.store(std::string("b"), std::string("new"), true);
+        EXPECT_EQ(get("a"), "new");
+        EXPECT_EQ(walk(), "a=new b=new ");
+        EXPECT_THROW(batch.commit(), DBException);
+    }
+    EXPECT_EQ(get("a"), "old");
+    EXPECT_EQ(get("b"), "(absent)");
+    EXPECT_EQ(walk(), "a=old ");
+}
+
+TEST_F(CachedStoreTest, ClosedStoreAnswersNothing) {
+    m_store.store(std::string("a"), std::string("1"), false);
+    EXPECT_EQ(get("a"), "1");
+    EXPECT_EQ(walk(), "a=1 ");
+    m_store.close();
+    EXPECT_THROW(get("a"), DBException);
+    EXPECT_THROW(walk(), DBException);
+}
+
+TEST_F(CachedStoreTest, ReadersNeverSeeAValueGoBack) {
+    m_store.store(std::string("n"), std::string("0"), false);
+    std::atomic<bool> done{false};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 2; ++i) {
+        readers.emplace_back([&] {
+            int last = 0;
+            while (!done) {
+                const int now = std::stoi(get("n"));
+                ASSERT_GE(now, last);
+                last = now;
+                const DBStore::Record first = m_store.seek(std::string(), false);
+                ASSERT_GE(std::stoi(first.value), last);
+                last = std::stoi(first.value);
+            }
+        });
+    }
+    for (int n = 1; n <= 5000; ++n) {
+        m_store.store(std::string("n"), std::to_string(n), true);
+    }
+    done = true;
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+}
+
+} // namespace
