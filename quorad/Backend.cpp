@@ -1,6 +1,7 @@
 #include "Backend.h"
 
 #include "Reporter.h"
+#include "ldap/LdapDirectory.h"
 #include "ldif/LdifDirectory.h"
 
 #include <karst/DN.h>
@@ -28,11 +29,9 @@ bool beginsWith(std::string_view text, std::string_view prefix) {
 // The path behind "ldif:".
 std::string ldifPath(const std::string& source) {
     const std::string named = std::string(PROP_DIRECTORY) + ": '" + source + "': ";
-    if (beginsWith(source, "ldap:") || beginsWith(source, "ldaps:")) {
-        TESSA_THROW(tessa::BadDataException, named + "the LDAP back end is not built in");
-    }
     if (!beginsWith(source, LDIF_SCHEME)) {
-        TESSA_THROW(tessa::BadDataException, named + "is neither 'ldif:PATH' nor 'ldap:'");
+        TESSA_THROW(tessa::BadDataException,
+                    named + "is neither 'ldif:PATH' nor 'ldap:' nor 'ldap://HOST'");
     }
     std::string path(tessa::trimWhiteSpace(source.substr(LDIF_SCHEME.size())));
     if (path.empty() || path.front() != '/') {
@@ -43,6 +42,16 @@ std::string ldifPath(const std::string& source) {
 
 std::string sourceOf(const tessa::Properties& configuration) {
     return configuration.get(PROP_DIRECTORY, DEFAULT_DIRECTORY);
+}
+
+// What the configuration says of a domain; none when the directory is a file.
+// Checks either.
+std::optional<ldap::Settings> settingsOf(const tessa::Properties& configuration) {
+    if (ldap::Settings::isLdap(sourceOf(configuration))) {
+        return ldap::Settings::parse(configuration);
+    }
+    ldifPath(sourceOf(configuration));
+    return std::nullopt;
 }
 
 std::string hostName(const tessa::Properties& configuration) {
@@ -60,7 +69,7 @@ std::string hostName(const tessa::Properties& configuration) {
 } // namespace
 
 void checkConfiguration(const tessa::Properties& configuration) {
-    ldifPath(sourceOf(configuration));
+    settingsOf(configuration);
     const std::string zone = configuration.get(PROP_ZONE);
     if (!zone.empty() && !tessa::DN::isDN(zone)) {
         TESSA_THROW(tessa::BadDataException,
@@ -80,8 +89,12 @@ std::shared_ptr<Backend> makeBackend(const tessa::Properties& configuration,
         const auto logger = tessa::Logger::get(LOGGER_NAME);
         KARST_LOG(logger, tessa::LOG_WARN, "%s is not set: nobody can be told the zone", PROP_ZONE);
     }
-    if (previous != nullptr && previous->source == backend->source) {
+    backend->settings = settingsOf(configuration);
+    if (previous != nullptr && previous->source == backend->source &&
+        previous->settings == backend->settings) {
         backend->directory = previous->directory;
+    } else if (backend->settings) {
+        backend->directory = makeLdapDirectory(*backend->settings, stateDirectory, discardState);
     } else {
         backend->directory =
             makeLdifDirectory(ldifPath(backend->source), stateDirectory, discardState);

@@ -2,11 +2,13 @@
 
 #include "Directory.h"
 #include "Zones.h"
+#include "ldap/Settings.h"
 
 #include <karst/Mutex.h>
 #include <karst/Properties.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -27,6 +29,7 @@ struct Backend {
     std::string source; ///< value of quorad.directory
     std::string zone;
     std::string hostName;
+    std::optional<ldap::Settings> settings; ///< of a domain; none for a file
     std::shared_ptr<Directory> directory;
     std::unique_ptr<Zones> zones; ///< uses the directory
 };

@@ -169,7 +169,9 @@ std::shared_ptr<const Ticket> Kerberos::ticket() {
     const tessa::Lock lock(m_mutex);
     const Stamp now = stamp();
     const std::time_t time = std::time(nullptr);
-    if (m_ticket && m_stamp == now && time < m_ticket->end() - RENEW_BEFORE_END) {
+    // While a keytab is missing (being written anew, perhaps) the tickets at hand still serve.
+    const bool same = m_stamp == now || now == Stamp();
+    if (m_ticket && same && time < m_ticket->end() - RENEW_BEFORE_END) {
         return m_ticket;
     }
     if (m_refusedStamp == now && time < m_refusedUntil) {
@@ -200,6 +202,11 @@ std::shared_ptr<const Ticket> Kerberos::ticket() {
     m_ticket = store(session);
     m_stamp = now;
     return m_ticket;
+}
+
+void Kerberos::check() {
+    requireKeytab(m_keytab);
+    ticket();
 }
 
 void Kerberos::forget(const std::shared_ptr<const Ticket>& ticket) {

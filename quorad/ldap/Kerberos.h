@@ -42,6 +42,9 @@ public:
     /// Tickets that are good for a while. May take as long as the key distribution centres do.
     /// @throws tessa::IPCException that says what is wrong and what to do
     virtual std::shared_ptr<const Ticket> ticket();
+    /// Whether ticket() would do without those at hand: whether keytab and account are in order.
+    /// @throws tessa::IPCException as ticket()
+    void check();
     /// These did not work: the next call gets others.
     virtual void forget(const std::shared_ptr<const Ticket>& ticket);
 

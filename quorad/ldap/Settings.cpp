@@ -145,8 +145,8 @@ std::chrono::seconds readTime(const tessa::Properties& configuration, const char
 void readLimits(const tessa::Properties& configuration, Settings& settings) {
     constexpr long DAY = 24L * 3600;
     settings.connectTimeout = readTime(configuration, PROP_CONNECT_TIMEOUT, 5, 1, 10);
-    settings.timeout = readTime(configuration, PROP_TIMEOUT, 10, 1, 20);
-    settings.searchTimeout = readTime(configuration, PROP_SEARCH_TIMEOUT, 80, 1, 90);
+    settings.timeout = readTime(configuration, PROP_TIMEOUT, 8, 1, 10);
+    settings.searchTimeout = readTime(configuration, PROP_SEARCH_TIMEOUT, 80, 1, 85);
     settings.compareInterval = readTime(configuration, PROP_COMPARE_INTERVAL, 600, 0, 30 * DAY);
     settings.failbackInterval = readTime(configuration, PROP_FAILBACK_INTERVAL, 900, 1, 30 * DAY);
     if (configuration.exists(PROP_PAGE_SIZE)) {

@@ -49,7 +49,7 @@ struct Settings {
     bool startTls = false;
     std::string caFile; ///< certificates of authorities that are trusted
     std::chrono::seconds connectTimeout{5};
-    std::chrono::seconds timeout{10};        ///< one question and its answer
+    std::chrono::seconds timeout{8};         ///< one question and its answer
     std::chrono::seconds searchTimeout{80};  ///< one page of a search
     std::chrono::seconds compareInterval{};  ///< between two comparisons of what a map holds
     std::chrono::seconds failbackInterval{}; ///< before a preferred controller is asked again

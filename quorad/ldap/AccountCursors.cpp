@@ -1,0 +1,239 @@
+#include "AccountCursors.h"
+
+#include "../Reporter.h"
+#include "Text.h"
+
+#include <karst/Exceptions.h>
+#include <karst/Text.h>
+
+#include <algorithm>
+
+namespace quorad::ldap {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds SLICE(10);
+constexpr const char* USERS = "(&(objectCategory=person)(objectClass=user)(uidNumber=*))";
+constexpr const char* POSIX_GROUPS = "(&(objectClass=group)(gidNumber=*))";
+constexpr const char* ALL_GROUPS = "(objectClass=group)";
+// A part of the members with each group, so that no answer is too large; the rest follows by range.
+constexpr const char* FIRST_MEMBERS = "member;range=0-1499";
+constexpr const char* EXPIRY = "msDS-UserPasswordExpiryTimeComputed";
+
+std::vector<std::string> userAttributes(bool withExpiry) {
+    std::vector<std::string> names = Accounts::userAttributes();
+    if (!withExpiry) {
+        names.erase(std::remove(names.begin(), names.end(), EXPIRY), names.end());
+    }
+    return names;
+}
+
+std::vector<std::string> groupAttributes(bool withMembers) {
+    std::vector<std::string> names = Accounts::groupAttributes();
+    std::replace(names.begin(), names.end(), std::string("member"), std::string(FIRST_MEMBERS));
+    if (!withMembers) {
+        names.erase(std::remove(names.begin(), names.end(), FIRST_MEMBERS), names.end());
+    }
+    return names;
+}
+
+SearchOptions everywhere() {
+    SearchOptions options;
+    options.scope = LDAP_SCOPE_SUBTREE;
+    return options;
+}
+
+std::int64_t timeOf(Query& query) {
+    return Accounts::directoryTime(
+        query.ask([](Connection& connection) { return connection.readRoot().time; }));
+}
+
+std::string nameFilter(const char* filter, const std::string& name) {
+    std::string text(filter);
+    text.insert(text.size() - 1, "(sAMAccountName=" + escapeFilter(name) + ")");
+    return text;
+}
+
+std::vector<tessa::ADObject> findAll(Query& query, const std::string& filter,
+                                     const std::vector<std::string>& attributes) {
+    std::vector<tessa::ADObject> objects;
+    query.start(query.connection().root().namingContext, filter, attributes, everywhere());
+    while (query.nextPage(objects)) {
+    }
+    return objects;
+}
+
+/// Looks members up one by one: for a single group.
+class MembersOfDomain : public MemberSource {
+public:
+    MembersOfDomain(Query& query, std::int64_t now) : m_query(query), m_now(now) {}
+
+    bool find(const std::string& dn, AccountReference& account) override {
+        static const std::vector<std::string> attributes = [] {
+            std::vector<std::string> names = userAttributes(false);
+            const std::vector<std::string> more = groupAttributes(true);
+            names.insert(names.end(), more.begin(), more.end());
+            return names;
+        }();
+        tessa::ADObject object;
+        try {
+            object = m_query.ask(
+                [&](Connection& connection) { return connection.read(dn, attributes); });
+        } catch (const tessa::NotFoundException&) {
+            return false;
+        } catch (const tessa::BadDataException&) {
+            return false; // a member that names nothing is like one that is gone
+        }
+        const AccountKind kind = Accounts::kindOf(object);
+        if (kind == AccountKind::GROUP) {
+            account = Accounts::groupReference(object);
+        } else if (kind == AccountKind::USER) {
+            account.kind = kind;
+            account.name = nameOf(object);
+        }
+        return kind != AccountKind::NONE;
+    }
+
+    std::vector<std::string> primaryMembers(std::uint32_t rid) override {
+        std::string filter(USERS);
+        filter.insert(filter.size() - 1, "(primaryGroupID=" + std::to_string(rid) + ")");
+        std::vector<std::string> names;
+        for (const tessa::ADObject& object : findAll(m_query, filter, userAttributes(false))) {
+            std::string name = nameOf(object);
+            if (!name.empty()) {
+                names.push_back(std::move(name));
+            }
+        }
+        return names;
+    }
+
+private:
+    std::string nameOf(const tessa::ADObject& object) const {
+        tessa::UserRecord user;
+        std::string reason;
+        return Accounts::makeUser(object, m_now, user, reason) ? user.name : "";
+    }
+
+    Query& m_query;
+    const std::int64_t m_now;
+};
+
+} // namespace
+
+AccountNotices::AccountNotices() : m_logger(tessa::Logger::get(LOGGER_NAME)) {}
+
+void AccountNotices::report(AccountKind kind, const std::set<std::string>& problems) {
+    const tessa::Lock lock(m_mutex);
+    std::set<std::string>& known = kind == AccountKind::USER ? m_users : m_groups;
+    for (const std::string& problem : problems) {
+        if (m_users.count(problem) == 0 && m_groups.count(problem) == 0) {
+            KARST_LOG(m_logger, tessa::LOG_WARN, "%s", problem.c_str());
+        }
+    }
+    known = problems;
+}
+
+AccountReader::AccountReader(Controllers& controllers, const std::string& folder, AccountKind kind,
+                             bool withUsers, AccountNotices& notices,
+                             Controllers::Deadline deadline)
+    : m_kind(kind), m_notices(notices), m_query(std::in_place, controllers, deadline),
+      m_index(folder, timeOf(*m_query)), m_usersLeft(withUsers),
+      m_groupsLeft(kind == AccountKind::GROUP) {}
+
+void AccountReader::step() {
+    const bool users = m_usersLeft;
+    if (!m_query->running()) {
+        const std::string& base = m_query->connection().root().namingContext;
+        if (users) {
+            m_query->start(base, USERS, userAttributes(m_kind == AccountKind::USER), everywhere());
+        } else {
+            const bool withMembers = m_kind == AccountKind::GROUP;
+            m_query->start(base, ALL_GROUPS, groupAttributes(withMembers), everywhere());
+        }
+    }
+    std::vector<tessa::ADObject> page;
+    const bool more = m_query->nextPage(page);
+    if (users) {
+        m_index.addUsers(page);
+        m_usersLeft = more;
+    } else {
+        m_index.addGroups(page);
+        m_groupsLeft = more;
+    }
+}
+
+bool AccountReader::read() {
+    const auto end = Clock::now() + SLICE;
+    while (m_usersLeft || m_groupsLeft) {
+        if (Clock::now() >= end) {
+            return false;
+        }
+        step();
+    }
+    if (m_query) {
+        m_query.reset();
+        m_notices.report(m_kind, m_index.problems());
+    }
+    return true;
+}
+
+bool UsersOfDomain::nextPage(std::vector<tessa::UserRecord>& items, std::size_t limit) {
+    if (!m_reader.read()) {
+        return true;
+    }
+    tessa::UserRecord user;
+    for (std::size_t count = 0; count < limit; ++count) {
+        if (!m_reader.index().nextUser(user)) {
+            return false;
+        }
+        items.push_back(user);
+    }
+    return true;
+}
+
+bool GroupsOfDomain::nextPage(std::vector<tessa::GroupRecord>& items, std::size_t limit) {
+    if (!m_reader.read()) {
+        return true;
+    }
+    const auto end = Clock::now() + SLICE;
+    for (std::size_t count = 0; count < limit && Clock::now() < end; ++count) {
+        tessa::GroupRecord group;
+        if (!m_reader.index().nextGroup(group, m_withMembers)) {
+            return false;
+        }
+        items.push_back(std::move(group));
+    }
+    return true;
+}
+
+tessa::UserRecord userOfDomain(Query& query, const std::string& name) {
+    const std::int64_t now = timeOf(query);
+    tessa::UserRecord user;
+    std::string reason;
+    for (const tessa::ADObject& object :
+         findAll(query, nameFilter(USERS, name), userAttributes(true))) {
+        if (Accounts::makeUser(object, now, user, reason) && user.name == name) {
+            return user;
+        }
+    }
+    TESSA_THROW(tessa::NotFoundException, "no user '" + name + "'");
+}
+
+tessa::GroupRecord groupOfDomain(Query& query, const std::string& name) {
+    const std::int64_t now = timeOf(query);
+    for (const tessa::ADObject& object :
+         findAll(query, nameFilter(POSIX_GROUPS, name), groupAttributes(true))) {
+        tessa::GroupRecord group;
+        std::string reason;
+        if (Accounts::makeGroup(object, group, reason) && group.name == name) {
+            MembersOfDomain source(query, now);
+            group.members = Accounts::members(Accounts::groupReference(object), source);
+            return group;
+        }
+    }
+    TESSA_THROW(tessa::NotFoundException, "no group '" + name + "'");
+}
+
+} // namespace quorad::ldap

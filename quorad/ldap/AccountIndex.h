@@ -1,0 +1,59 @@
+#pragma once
+
+#include "../Accounts.h"
+#include "../ldif/Sqlite.h"
+
+#include <karst/ADObject.h>
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace quorad::ldap {
+
+/// The users and groups of one enumeration, in a temporary file: they are delivered in the order of
+/// their names, whatever their number, and members of groups are looked up in it. The file has no
+/// name and goes with the object. One thread at a time.
+///
+/// Operations throw tessa::IPCException when the file cannot be written or read.
+class AccountIndex : public MemberSource {
+public:
+    /// @param folder where there is room for it
+    AccountIndex(const std::string& folder, std::int64_t now);
+    ~AccountIndex() override;
+    AccountIndex(const AccountIndex&) = delete;
+    AccountIndex& operator=(const AccountIndex&) = delete;
+
+    void addUsers(const std::vector<tessa::ADObject>& objects);
+    /// Groups without a number too: others may contain them.
+    void addGroups(const std::vector<tessa::ADObject>& objects);
+    /// What is wrong with the accounts, for an administrator; a bounded number of texts.
+    std::set<std::string> problems();
+
+    /// @return false at the end; begins again then
+    bool nextUser(tessa::UserRecord& user);
+    bool nextGroup(tessa::GroupRecord& group, bool withMembers);
+
+    bool find(const std::string& dn, AccountReference& account) override;
+    std::vector<std::string> primaryMembers(std::uint32_t rid) override;
+
+private:
+    struct Statements;
+
+    void addUser(const tessa::ADObject& object);
+    void addGroup(const tessa::ADObject& object);
+    void addProblem(const tessa::ADObject& object, const char* kind, const std::string& reason);
+    void findDuplicates(const char* table, const char* column, const char* what);
+    AccountReference reference(std::int64_t group);
+    template <typename Work> auto guarded(Work work);
+
+    const std::int64_t m_now;
+    std::unique_ptr<sqlite::Database> m_database;
+    std::unique_ptr<Statements> m_statements;
+    std::set<std::string> m_problems;
+    std::size_t m_moreProblems = 0;
+};
+
+} // namespace quorad::ldap
