@@ -10,6 +10,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <string_view>
 
 #include <arpa/inet.h>
 #include <pthread.h>
@@ -49,31 +50,50 @@ char* putWord(char* place, std::uint32_t value) {
 
 char* putOpaque(char* place, const char* bytes, std::size_t size) {
     place = putWord(place, static_cast<std::uint32_t>(size));
-    std::memcpy(place, bytes, size);
-    std::memset(place + size, 0, padded(size) - size);
-    return place + padded(size);
+    char* const end = place + padded(size);
+    if (size > 0) {
+        std::memset(end - BYTES_PER_XDR_UNIT, 0, BYTES_PER_XDR_UNIT); // the last word is filled up
+        std::memcpy(place, bytes, size);
+    }
+    return end;
 }
 
 /// Writes flag and entry straight into the stream's buffer.
 /// @return false when there is not that much room in one piece, with nothing written
-bool encodeInPlace(XDR* xdr, const ypresp_all& response) {
-    const keydat& key = response.val.key;
-    const valdat& value = response.val.val;
-    if (response.val.stat != YP_TRUE || key.keydat_len > YPMAXREPLY ||
-        value.valdat_len > YPMAXREPLY) {
+bool encodeInPlace(XDR* xdr, std::string_view key, std::string_view value) {
+    if (key.size() > YPMAXREPLY || value.size() > YPMAXREPLY) {
         return false;
     }
     constexpr std::size_t WORDS = 4 * sizeof(std::uint32_t); // flag, status and two lengths
-    const std::size_t size = WORDS + padded(key.keydat_len) + padded(value.valdat_len);
+    const std::size_t size = WORDS + padded(key.size()) + padded(value.size());
     void* room = XDR_INLINE(xdr, static_cast<u_int>(size));
     if (room == nullptr) {
         return false;
     }
     char* place = putWord(static_cast<char*>(room), TRUE);
-    place = putWord(place, static_cast<std::uint32_t>(response.val.stat));
-    place = putOpaque(place, value.valdat_val, value.valdat_len);
-    putOpaque(place, key.keydat_val, key.keydat_len);
+    place = putWord(place, static_cast<std::uint32_t>(YP_TRUE));
+    place = putOpaque(place, value.data(), value.size());
+    putOpaque(place, key.data(), key.size());
     return true;
+}
+
+bool encodeInPlace(XDR* xdr, const ypresp_key_val& entry) {
+    return entry.stat == YP_TRUE && encodeInPlace(xdr, {entry.key.keydat_val, entry.key.keydat_len},
+                                                  {entry.val.valdat_val, entry.val.valdat_len});
+}
+
+/// Sends the entries that the iterator has in memory and the stream has room for. Where there are
+/// no more of these, the general way goes on.
+void encodeAhead(XDR* xdr) {
+    const IteratorHolder* holder = GetMapIteratorFromTSS();
+    if (holder == nullptr || !*holder || logger->enabled(tessa::LOG_DEBUGGING)) {
+        return; // the general way logs each entry
+    }
+    MapIterator& iterator = **holder;
+    MapIterator::View entry;
+    while (iterator.peek(entry) && encodeInPlace(xdr, entry.key, entry.value)) {
+        iterator.skip();
+    }
 }
 
 bool_t encodeStream(XDR* xdr, ypresp_all* response) {
@@ -81,13 +101,15 @@ bool_t encodeStream(XDR* xdr, ypresp_all* response) {
         if (response->more == FALSE) {
             return xdr_bool(xdr, &response->more);
         }
-        if (!encodeInPlace(xdr, *response) && (xdr_bool(xdr, &response->more) != TRUE ||
-                                               xdr_ypresp_key_val(xdr, &response->val) != TRUE)) {
+        if (!encodeInPlace(xdr, response->val) &&
+            (xdr_bool(xdr, &response->more) != TRUE ||
+             xdr_ypresp_key_val(xdr, &response->val) != TRUE)) {
             return FALSE;
         }
         if (response->val.stat != YP_TRUE) {
             return TRUE;
         }
+        encodeAhead(xdr);
         getNextAll(*response);
     }
 }

@@ -145,6 +145,38 @@ TEST_F(CacheSnapshotTest, IteratorsAreIndependent) {
     EXPECT_EQ("c", (**first).key);
 }
 
+TEST_F(CacheSnapshotTest, EntriesInMemoryAreShownWithoutACopy) {
+    test::Entries entries;
+    for (int i = 0; i < 5000; ++i) {
+        entries["key" + std::to_string(i)] = std::string(static_cast<std::size_t>(i % 97), 'v');
+    }
+    entries["large"] = std::string(65000, 'l'); // with its key no window has room for two of these
+    entries["larger"] = std::string(65535, 'm');
+    const auto iterator = CacheSnapshot::getIterator(makeSnapshot(entries));
+    nis::MapIterator::View view;
+    EXPECT_FALSE(iterator->peek(view)) << "nothing has been read yet";
+    test::Entries found;
+    std::size_t shown = 0;
+    MapEntry entry = **iterator;
+    while (!entry.key.empty()) {
+        EXPECT_TRUE(found.emplace(entry.key, entry.value).second) << entry.key;
+        if (iterator->peek(view)) {
+            const MapEntry seen{std::string(view.key), std::string(view.value)};
+            ++shown;
+            iterator->skip();
+            entry = shown % 3 == 0 ? **iterator : seen; // the one shown is the current one
+            EXPECT_EQ(entry.key, seen.key);
+            EXPECT_EQ(entry.value, seen.value);
+        } else {
+            entry = *++*iterator;
+        }
+    }
+    EXPECT_EQ(found, entries);
+    EXPECT_GT(shown, 4900U);
+    EXPECT_FALSE(iterator->peek(view)) << "the end";
+    EXPECT_TRUE((**iterator).key.empty());
+}
+
 TEST_F(CacheSnapshotTest, ManyThreadsReadAtOnce) {
     test::Entries entries;
     for (int i = 0; i < 3000; ++i) {
