@@ -6,6 +6,8 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 #include <unistd.h>
 
@@ -14,6 +16,7 @@ namespace quorad::ldap {
 namespace {
 
 constexpr std::size_t MAX_PROBLEMS = 100;
+constexpr const char* PREFIX = "accounts-";
 
 constexpr const char* SCHEMA =
     "PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; PRAGMA cache_size=-8192;"
@@ -61,9 +64,24 @@ template <typename Work> auto AccountIndex::guarded(Work work) {
     }
 }
 
-AccountIndex::AccountIndex(const std::string& folder, std::int64_t now) : m_now(now) {
-    std::string path = folder + "/accounts-XXXXXX";
-    const int file = ::mkstemp(path.data());
+// Files of this process; others with the prefix are left over from one that was killed.
+std::string AccountIndex::prefix() {
+    return PREFIX + std::to_string(::getpid()) + "-";
+}
+
+void AccountIndex::removeStale(const std::string& folder) {
+    std::error_code failure;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, failure)) {
+        const std::string name = entry.path().filename();
+        if (name.starts_with(PREFIX) && !name.starts_with(prefix())) {
+            ::unlink(entry.path().c_str());
+        }
+    }
+}
+
+AccountIndex::AccountIndex(const std::string& folder, std::int64_t now)
+    : m_now(now), m_path(folder + "/" + prefix() + "XXXXXX") {
+    const int file = ::mkstemp(m_path.data());
     if (file < 0) {
         TESSA_THROW(tessa::IPCException, "cannot create a temporary file in '" + folder +
                                              "': " + tessa::errorText(errno));
@@ -71,18 +89,20 @@ AccountIndex::AccountIndex(const std::string& folder, std::int64_t now) : m_now(
     ::close(file);
     try {
         guarded([&] {
-            m_database = std::make_unique<sqlite::Database>(path, sqlite::Database::Access::WRITE);
+            m_database =
+                std::make_unique<sqlite::Database>(m_path, sqlite::Database::Access::WRITE);
             m_database->execute(SCHEMA);
             m_statements = std::make_unique<Statements>(*m_database);
         });
     } catch (...) {
-        ::unlink(path.c_str());
+        ::unlink(m_path.c_str());
         throw;
     }
-    ::unlink(path.c_str());
 }
 
-AccountIndex::~AccountIndex() = default;
+AccountIndex::~AccountIndex() {
+    ::unlink(m_path.c_str());
+}
 
 void AccountIndex::addProblem(const tessa::ADObject& object, const char* kind,
                               const std::string& reason) {

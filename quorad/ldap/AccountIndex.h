@@ -14,8 +14,8 @@
 namespace quorad::ldap {
 
 /// The users and groups of one enumeration, in a temporary file: they are delivered in the order of
-/// their names, whatever their number, and members of groups are looked up in it. The file has no
-/// name and goes with the object. One thread at a time.
+/// their names, whatever their number, and members of groups are looked up in it. The file goes
+/// with the object. One thread at a time.
 ///
 /// Operations throw tessa::IPCException when the file cannot be written or read.
 class AccountIndex : public MemberSource {
@@ -23,6 +23,8 @@ public:
     /// @param folder where there is room for it
     AccountIndex(const std::string& folder, std::int64_t now);
     ~AccountIndex() override;
+    /// Removes what a process that was killed left behind.
+    static void removeStale(const std::string& folder);
     AccountIndex(const AccountIndex&) = delete;
     AccountIndex& operator=(const AccountIndex&) = delete;
 
@@ -42,6 +44,7 @@ public:
 private:
     struct Statements;
 
+    static std::string prefix();
     void addUser(const tessa::ADObject& object);
     void addGroup(const tessa::ADObject& object);
     void addProblem(const tessa::ADObject& object, const char* kind, const std::string& reason);
@@ -50,6 +53,7 @@ private:
     template <typename Work> auto guarded(Work work);
 
     const std::int64_t m_now;
+    std::string m_path;
     std::unique_ptr<sqlite::Database> m_database;
     std::unique_ptr<Statements> m_statements;
     std::set<std::string> m_problems;

@@ -139,7 +139,7 @@ void Connection::bindSimple() {
                                       &credentials, nullptr, nullptr, &message);
     ::explicit_bzero(password.data(), password.size());
     const std::string what = "bind as '" + m_settings.bindDn + "'";
-    send(code, message, what);
+    requireSent(code, what);
     finishBind(message, what);
 }
 

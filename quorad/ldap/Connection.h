@@ -122,7 +122,8 @@ private:
     void finishBind(int message, const std::string& what);
     RootObject toRoot(const tessa::ADObject& object) const;
 
-    int send(int code, int message, const std::string& what);
+    /// Raises what the sending of a request failed with.
+    void requireSent(int code, const std::string& what);
     /// The next message of an operation; the caller frees it.
     LDAPMessage* await(int message, int all, Deadline deadline, const std::string& what);
     void finish(int message, const std::string& what);

@@ -127,11 +127,10 @@ void Connection::fail(int code, const std::string& what, const std::string& dn) 
     }
 }
 
-int Connection::send(int code, int message, const std::string& what) {
+void Connection::requireSent(int code, const std::string& what) {
     if (code != LDAP_SUCCESS) {
         fail(code, what);
     }
-    return message;
 }
 
 LDAPMessage* Connection::await(int message, int all, Deadline deadline, const std::string& what) {
@@ -235,10 +234,10 @@ tessa::ADObject Connection::read(const std::string& dn, const std::vector<std::s
     Names names(attributes);
     int message = 0;
     timeval limit{static_cast<std::time_t>(m_settings.timeout.count()), 0};
-    send(::ldap_search_ext(m_ldap, dn.c_str(), LDAP_SCOPE_BASE, "(objectClass=*)",
-                           attributes.empty() ? nullptr : names.get(), 0, controls, nullptr, &limit,
-                           0, &message),
-         message, what);
+    requireSent(::ldap_search_ext(m_ldap, dn.c_str(), LDAP_SCOPE_BASE, "(objectClass=*)",
+                                  attributes.empty() ? nullptr : names.get(), 0, controls, nullptr,
+                                  &limit, 0, &message),
+                what);
     LDAPMessage* const answer =
         await(message, LDAP_MSG_ALL, Clock::now() + m_settings.timeout, what);
     const std::unique_ptr<LDAPMessage, int (*)(LDAPMessage*)> owner(answer, ::ldap_msgfree);
@@ -270,8 +269,8 @@ void Connection::add(const std::string& dn, const std::vector<Modification>& att
     const std::string what = "add of '" + dn + "'";
     Changes changes(attributes);
     int message = 0;
-    send(::ldap_add_ext(m_ldap, dn.c_str(), changes.get(), nullptr, nullptr, &message), message,
-         what);
+    requireSent(::ldap_add_ext(m_ldap, dn.c_str(), changes.get(), nullptr, nullptr, &message),
+                what);
     finish(message, what);
 }
 
@@ -279,8 +278,8 @@ void Connection::modify(const std::string& dn, const std::vector<Modification>& 
     const std::string what = "change of '" + dn + "'";
     Changes changes(modifications);
     int message = 0;
-    send(::ldap_modify_ext(m_ldap, dn.c_str(), changes.get(), nullptr, nullptr, &message), message,
-         what);
+    requireSent(::ldap_modify_ext(m_ldap, dn.c_str(), changes.get(), nullptr, nullptr, &message),
+                what);
     finish(message, what);
 }
 
@@ -289,7 +288,7 @@ void Connection::remove(const std::string& dn, bool tree) {
     LDAPControl below = controlOf(TREE_DELETE);
     LDAPControl* controls[] = {tree ? &below : nullptr, nullptr};
     int message = 0;
-    send(::ldap_delete_ext(m_ldap, dn.c_str(), controls, nullptr, &message), message, what);
+    requireSent(::ldap_delete_ext(m_ldap, dn.c_str(), controls, nullptr, &message), what);
     finish(message, what);
 }
 
@@ -297,10 +296,10 @@ void Connection::rename(const std::string& dn, const std::string& newName,
                         const std::string& newParent) {
     const std::string what = "move of '" + dn + "'";
     int message = 0;
-    send(::ldap_rename(m_ldap, dn.c_str(), newName.c_str(),
-                       newParent.empty() ? nullptr : newParent.c_str(), 1, nullptr, nullptr,
-                       &message),
-         message, what);
+    requireSent(::ldap_rename(m_ldap, dn.c_str(), newName.c_str(),
+                              newParent.empty() ? nullptr : newParent.c_str(), 1, nullptr, nullptr,
+                              &message),
+                what);
     finish(message, what);
 }
 

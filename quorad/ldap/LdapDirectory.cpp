@@ -51,7 +51,9 @@ public:
                   bool discardState)
         : m_folder(stateDirectory),
           m_store(stateDirectory + "/" + ldap::Store::FILE_NAME, discardState),
-          m_controllers(settings, m_store) {}
+          m_controllers(settings, m_store) {
+        ldap::AccountIndex::removeStale(m_folder);
+    }
 
     tessa::ADObject fetch(const std::string& domain, const std::string& dn,
                           const std::vector<std::string>& attributes, bool allAttributes) override {

@@ -61,11 +61,12 @@ int PagedSearch::start() {
     pointers.push_back(nullptr);
     timeval limit{static_cast<std::time_t>(m_connection.m_settings.searchTimeout.count()), 0};
     int message = 0;
-    return m_connection.send(::ldap_search_ext(ldap, m_base.c_str(), m_options.scope,
+    m_connection.requireSent(::ldap_search_ext(ldap, m_base.c_str(), m_options.scope,
                                                m_filter.c_str(),
                                                names.empty() ? nullptr : pointers.data(), 0,
                                                controls.data(), nullptr, &limit, 0, &message),
-                             message, "search below '" + m_base + "' for '" + m_filter + "'");
+                             "search below '" + m_base + "' for '" + m_filter + "'");
+    return message;
 }
 
 bool PagedSearch::nextPage(std::vector<tessa::ADObject>& objects) {
