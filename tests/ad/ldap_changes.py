@@ -111,7 +111,10 @@ class ChangesWithReadableTombstones(Changes):
     readable_tombstones = True
 
     def test_deleted_is_read_from_the_tombstones(self):
-        self.assertTrue(self.quorad.wait_log("Deleted objects can be read on dc1"))
+        self.lab.entry(self.map_dn, "added", "new")
+        self.entries["added"] = "new"
+        self.refreshed()
+        self.assertTrue(self.quorad.find("Deleted objects can be read on dc1"))
         mark = self.quorad.log_size()
         self.lab.delete(self.dns["key03"])
         del self.entries["key03"]
