@@ -116,16 +116,20 @@ std::vector<Finding> JoinCheck::run() {
 
 bool JoinCheck::checkConfiguration() {
     m_zone = m_configuration.get(PROP_ZONE);
-    try {
-        quorad::checkConfiguration(m_configuration);
-        m_settings = settingsOf(m_configuration, LoginOptions());
-    } catch (const tessa::TESSAException& error) {
-        add(Verdict::FAILED, "configuration", error.message(), "mend /etc/velmorix/velmorix.conf");
-        return false;
-    }
+    std::string fault;
     if (m_zone.empty()) {
-        add(Verdict::FAILED, "configuration", std::string(PROP_ZONE) + " is not set",
-            "set it to the distinguished name of this machine's zone");
+        fault = std::string(PROP_ZONE) +
+                " is not set; it is the distinguished name of this machine's zone";
+    } else {
+        try {
+            quorad::checkConfiguration(m_configuration);
+            m_settings = settingsOf(m_configuration, LoginOptions());
+        } catch (const tessa::TESSAException& error) {
+            fault = error.message();
+        }
+    }
+    if (!fault.empty()) {
+        add(Verdict::FAILED, "configuration", fault, "mend /etc/velmorix/velmorix.conf");
         return false;
     }
     add(Verdict::OK, "configuration", "domain " + m_settings.domain + ", zone " + m_zone);

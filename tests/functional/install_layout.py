@@ -27,11 +27,12 @@ class InstallLayout(unittest.TestCase):
 
     def test_files(self):
         files = self.installed()
-        for path in ("/usr/sbin/orrisd", "/usr/sbin/quorad",
+        for path in ("/usr/sbin/orrisd", "/usr/sbin/quorad", "/usr/sbin/quorad-admin",
                      "/usr/share/velmorix/sbin/orrisguard", "/etc/velmorix/velmorix.conf",
                      "/usr/lib/systemd/system/orrisd.service",
                      "/usr/lib/systemd/system/quorad.service", "/usr/lib/tmpfiles.d/orrisd.conf",
                      "/usr/share/man/man8/orrisd.8", "/usr/share/man/man8/quorad.8",
+                     "/usr/share/man/man8/quorad-admin.8",
                      "/usr/share/man/man8/orrisguard.8", "/usr/share/man/man5/velmorix.conf.5",
                      "/usr/share/doc/orrisd/README.md",
                      "/usr/share/doc/orrisd/docs/administration.md",
@@ -42,7 +43,7 @@ class InstallLayout(unittest.TestCase):
         known = ("/usr/sbin/", "/usr/share/velmorix/sbin/", "/usr/share/man/",
                  "/usr/share/doc/orrisd/", "/usr/lib/", "/etc/velmorix/")
         self.assertEqual([path for path in files if not path.startswith(known)], [])
-        for path in ("/usr/sbin/orrisd", "/usr/sbin/quorad",
+        for path in ("/usr/sbin/orrisd", "/usr/sbin/quorad", "/usr/sbin/quorad-admin",
                      "/usr/share/velmorix/sbin/orrisguard"):
             self.assertTrue(os.stat(self.root + path).st_mode & stat.S_IXUSR, path)
 
