@@ -81,7 +81,7 @@ class Lab:
             controller.make_machine()
         write("/etc/krb5.conf", "[libdefaults]\n  default_realm = %s\n  dns_lookup_kdc = true\n"
               "  dns_lookup_realm = false\n  rdns = false\n  dns_canonicalize_hostname = false\n"
-              % REALM)
+              "  default_ccache_name = FILE:/run/krb5cc_%%{uid}\n" % REALM)
 
     def write_client_files(self):
         write("/etc/resolv.conf", resolver([one.address for one in self.controllers]))
