@@ -171,6 +171,8 @@ ExitCode runGuarded(const Options& options, Detached& starter) {
 
 int main(int argc, char** argv) {
     std::set_terminate(onTerminate);
+    // The configuration alone says how the domain is asked, not ldap.conf or the environment.
+    ::setenv("LDAPNOINIT", "1", 1);
     tessa::Logger::logToStandardError();
     const Options options = parseOptions(argc, argv);
     if (::geteuid() != 0) {

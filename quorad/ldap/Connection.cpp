@@ -159,15 +159,37 @@ void Connection::finishBind(int message, const std::string& what) {
 void Connection::bindSasl(Kerberos& kerberos) {
     const auto ticket = kerberos.ticket();
     ticket->use();
+    const std::string what = "bind as '" + m_settings.principal + "'";
     const bool tls = m_endpoint.tls || m_settings.startTls;
-    // Controllers do not seal twice; without TLS everything is sealed.
-    const char* const properties = tls ? "minssf=0,maxssf=0" : "minssf=56";
-    ::ldap_set_option(m_ldap, LDAP_OPT_X_SASL_SECPROPS, properties);
     if (tls) {
         int binding = LDAP_OPT_X_SASL_CBINDING_TLS_ENDPOINT;
         ::ldap_set_option(m_ldap, LDAP_OPT_X_SASL_CBINDING, &binding);
     }
-    const std::string what = "bind as '" + m_settings.principal + "'";
+    // Controllers do not seal inside TLS; without it everything is sealed.
+    const int code = negotiate(tls ? "minssf=0,maxssf=0" : "minssf=56", what);
+    if (code == LDAP_SUCCESS) {
+        return;
+    }
+    kerberos.forget(ticket);
+    std::string text = m_endpoint.uri() + ": " + what + ": " + diagnostic(code);
+    std::string advice = kerberosAdvice(text);
+    if (advice.empty() && isNumericAddress(m_endpoint.host)) {
+        advice = "Kerberos needs the controller's name, not its address";
+    }
+    if (code == LDAP_STRONG_AUTH_REQUIRED && tls) {
+        advice = "this controller takes tickets only without TLS, where everything is sealed all "
+                 "the same: use ldap:// without StartTLS";
+    }
+    text += advice.empty() ? "" : "; " + advice;
+    if (code == LDAP_SERVER_DOWN || code == LDAP_TIMEOUT) {
+        TESSA_THROW(ConnectionLost, text);
+    }
+    QUORAD_REFUSED(text, code);
+}
+
+// The steps of the mechanism; @return what they ended with.
+int Connection::negotiate(const char* properties, const std::string& what) {
+    ::ldap_set_option(m_ldap, LDAP_OPT_X_SASL_SECPROPS, properties);
     const auto deadline = std::chrono::steady_clock::now() + m_settings.timeout;
     int code = LDAP_SASL_BIND_IN_PROGRESS;
     LDAPMessage* answer = nullptr;
@@ -183,20 +205,7 @@ void Connection::bindSasl(Kerberos& kerberos) {
             answer = await(message, LDAP_MSG_ALL, deadline, what);
         }
     }
-    if (code == LDAP_SUCCESS) {
-        return;
-    }
-    kerberos.forget(ticket);
-    std::string text = m_endpoint.uri() + ": " + what + ": " + diagnostic(code);
-    std::string advice = kerberosAdvice(text);
-    if (advice.empty() && isNumericAddress(m_endpoint.host)) {
-        advice = "Kerberos needs the controller's name, not its address";
-    }
-    text += advice.empty() ? "" : "; " + advice;
-    if (code == LDAP_SERVER_DOWN || code == LDAP_TIMEOUT) {
-        TESSA_THROW(ConnectionLost, text);
-    }
-    QUORAD_REFUSED(text, code);
+    return code;
 }
 
 RootObject Connection::readRoot() {

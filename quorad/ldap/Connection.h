@@ -119,6 +119,7 @@ private:
     void bind(Kerberos* kerberos);
     void bindSimple();
     void bindSasl(Kerberos& kerberos);
+    int negotiate(const char* properties, const std::string& what);
     void finishBind(int message, const std::string& what);
     RootObject toRoot(const tessa::ADObject& object) const;
 

@@ -224,7 +224,7 @@ TEST_F(DaemonTest, UnusableConfigurationIsNotTakenOver) {
     };
     for (const char* wrong :
          {"quorad.zone: no name\n", "quorad.directory: nonsense\n",
-          "quorad.directory: ldif:relative.ldif\n", "quorad.directory: ldap:\n"}) {
+          "quorad.directory: ldif:relative.ldif\n", "quorad.directory: ldap://\n"}) {
         configure(ZONE_B, "directory.ldif", wrong);
         EXPECT_TRUE(refusedAgain()) << wrong;
         EXPECT_EQ(ZONE_A, setting(tessa::SETTING_ZONE_NAME)) << wrong;
@@ -239,15 +239,17 @@ TEST_F(DaemonTest, UnusableConfigurationIsNotTakenOver) {
 TEST_F(DaemonTest, UnusableConfigurationAtStartIsBadData) {
     for (const char* wrong :
          {"quorad.zone: no name\n", "quorad.directory: nonsense\n", "quorad.directory: ldif:\n",
-          "quorad.directory: ldap:\n", "quorad.directory: ldap://dc1.example.com\n"}) {
+          "quorad.directory: ldap: ldap://dc1.example.com\n",
+          "quorad.directory: ldap:\nquorad.ldap.auth: anonymous\n"}) {
         configure(ZONE_A, "directory.ldif", wrong);
         EXPECT_THROW(Daemon(m_places, false), tessa::BadDataException) << wrong;
     }
-    configure(ZONE_A, "directory.ldif", "quorad.directory: ldap:\n");
+    configure(ZONE_A, "directory.ldif", "quorad.directory: ldap:\nquorad.ldap.auth: simple\n");
     try {
         const Daemon daemon(m_places, false);
+        ADD_FAILURE() << "taken";
     } catch (const tessa::BadDataException& error) {
-        EXPECT_NE(std::string::npos, error.message().find("the LDAP back end is not built in"))
+        EXPECT_NE(std::string::npos, error.message().find("quorad.ldap.bind.dn"))
             << error.message();
     }
 }
