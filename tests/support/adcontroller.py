@@ -20,6 +20,14 @@ OTHER_CA_FILE = FOLDER + "/tls/other-ca.pem"
 NETWORK = "10.53.0"
 OWN_ADDRESS = NETWORK + ".254"
 
+KERBEROS = """\
+[libdefaults]
+  default_realm = %s
+  dns_lookup_kdc = true
+  dns_lookup_realm = false
+  rdns = false
+  dns_canonicalize_hostname = false
+""" % REALM
 SMB_OPTIONS = """\
     server services = ldap, cldap, kdc, dns, rpc, drepl
     dns forwarder = 127.0.0.1
@@ -77,6 +85,7 @@ class Controller:
         write(etc + "/resolv.conf", resolver(servers))
         write(etc + "/hosts", "127.0.0.1 localhost\n%s %s %s\n" % (
             self.address, self.host, self.name))
+        write(etc + "/krb5.conf", KERBEROS)
         write(etc + "/nsswitch.conf", "passwd: files\ngroup: files\nhosts: files dns\n")
 
     def inside(self, *command):

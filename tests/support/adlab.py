@@ -21,8 +21,9 @@ import time
 import adcontroller
 import ldif
 import nistest
-from adcontroller import (ADMIN, BASE, CA_FILE, DATABASE, DOMAIN, FOLDER, OTHER_CA_FILE, OWN_ADDRESS,
-                          PASSWORD, REALM, Controller, call, make_authority, resolver, write)
+from adcontroller import (ADMIN, BASE, CA_FILE, DATABASE, DOMAIN, FOLDER, KERBEROS, OTHER_CA_FILE,
+                          OWN_ADDRESS, PASSWORD, REALM, Controller, call, make_authority, resolver,
+                          write)
 
 ZONES = "CN=Zones," + BASE
 MACHINE = "NIS-TEST"
@@ -79,9 +80,7 @@ class Lab:
             nistest.run("ip", *command.split(), check=True)
         for controller in self.controllers:
             controller.make_machine()
-        write("/etc/krb5.conf", "[libdefaults]\n  default_realm = %s\n  dns_lookup_kdc = true\n"
-              "  dns_lookup_realm = false\n  rdns = false\n  dns_canonicalize_hostname = false\n"
-              "  default_ccache_name = FILE:/run/krb5cc_%%{uid}\n" % REALM)
+        write("/etc/krb5.conf", KERBEROS + "  default_ccache_name = FILE:/run/krb5cc_%{uid}\n")
 
     def write_client_files(self):
         write("/etc/resolv.conf", resolver([one.address for one in self.controllers]))
@@ -210,8 +209,8 @@ class Lab:
 
     def replicate(self, source, target, base=BASE):
         """Waits until what the source holds is on the target too."""
-        call("samba-tool", "drs", "replicate", target.host, source.host, base,
-             "-U%s%%%s" % (ADMIN, PASSWORD))
+        target.tool("drs", "replicate", target.host, source.host, base,
+                    "-U%s%%%s" % (ADMIN, PASSWORD))
 
     # -- LDAP as the administrator ------------------------------------------------------------------
 

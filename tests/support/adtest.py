@@ -7,6 +7,18 @@ import adlab
 import nistest
 
 
+def contents(paths):
+    kept = {}
+    for path in paths:
+        with open(path, "rb") as file:
+            kept[path] = file.read()
+    return kept
+
+
+# As they are before a test makes this system a client of its own server.
+ORIGINAL = contents(["/etc/passwd", "/etc/group"])
+
+
 class AdTest(nistest.NisTest):
     """Every test has a fresh copy of the domain, the zone CN=zoneA,CN=corp,CN=Zones in it unless
     the image was built with one, and the joined host's configuration."""
@@ -19,6 +31,9 @@ class AdTest(nistest.NisTest):
 
     def setUp(self):
         super().setUp()
+        for path, content in ORIGINAL.items():
+            with open(path, "wb") as file:
+                file.write(content)
         self.lab = adlab.Lab(self.controllers, self.image, type(self).build)
         self.addCleanup(self.lab.stop)
         self.lab.start()
