@@ -128,6 +128,7 @@ private:
     bool isUsableName(const std::string& name) const;
     void sortObject(const tessa::ADObject& object, Findings& findings) const
         KARST_REQUIRES(m_updateProtect);
+    void replaceMapsAheadOf(const tessa::Int64& usn, Findings& findings) const;
     tessa::Int64 currentHighUSN() const;
 
     bool serve(const std::string& name, const boost::shared_ptr<NisMap>& map);

@@ -104,6 +104,22 @@ void MapSet::sortObject(const tessa::ADObject& object, Findings& findings) const
     findings.newMaps.push_back({name, dn, zone});
 }
 
+/// A server that counts from a lower number on was restored from a backup. Asked for what comes
+/// after the number that a map has, it would stay silent for long, so such maps are made anew.
+void MapSet::replaceMapsAheadOf(const tessa::Int64& usn, Findings& findings) const {
+    for (const auto& [name, map] : m_adMaps) {
+        if (findings.met.count(name) == 0 || isAmong(findings.newMaps, name) ||
+            map->getHighUSN() <= usn) {
+            continue;
+        }
+        KARST_LOG(logger, tessa::LOG_WARN,
+                  "Map '%s' is ahead of server %s (restored from a backup?): it is read again in "
+                  "full",
+                  name.c_str(), m_serverName.c_str());
+        findings.newMaps.push_back({name, map->getMapDN(), map->getTargetZone()});
+    }
+}
+
 tessa::Int64 MapSet::currentHighUSN() const {
     const auto interface = directory();
     const tessa::ADObject root = interface->getCurrentHighUSN(interface->getDomainDN(m_serverName));
@@ -126,6 +142,7 @@ void MapSet::update(bool rebuild, bool refresh) {
     }
     std::list<std::string> vanished(findings.notSeen.begin(), findings.notSeen.end());
     const tessa::Int64 usn = currentHighUSN();
+    replaceMapsAheadOf(usn, findings);
     adjustMaps(findings.newMaps, vanished, usn, rebuild, refresh);
 }
 

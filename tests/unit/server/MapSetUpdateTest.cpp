@@ -2,6 +2,7 @@
 #include "unit/server/UpdateFixture.h"
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 namespace {
@@ -67,6 +68,33 @@ TEST_F(MapSetUpdateTest, AMapThatIsNotDueIsLeftAlone) {
     EXPECT_EQ(value("auto.home", "bob"), "(no key)");
     refresh();
     EXPECT_EQ(value("auto.home", "bob"), "srv:/home/bob");
+}
+
+TEST_F(MapSetUpdateTest, AMapAheadOfItsServerIsReadAgainInFull) {
+    // What a controller looks like that is put back to an older state: lower numbers, and objects
+    // that are gone without a trace.
+    const std::string later = "uSNChanged: 1000000000000000000\n\n";
+    std::string ldif = company() + T::entry("hosts", "h3", "c", "10.0.0.3 c");
+    ldif.insert(ldif.find("\n\n", ldif.find("CN=h3,")) + 1, later);
+    start(ldif);
+    refresh();
+    const std::int64_t before = T::highestCommittedUSN();
+    ASSERT_EQ(value("hosts.byname", "c"), "10.0.0.3 c");
+    const auto order = m_server->getOrder(DOMAIN, "hosts.byname");
+    m_directory->stop();
+    for (const auto& file : std::filesystem::directory_iterator("/var/velmorix/quorad")) {
+        std::filesystem::remove(file);
+    }
+    T::write(company() + T::entry("auto.home", "e2", "bob", "srv:/home/bob"));
+    m_directory->start();
+    ASSERT_LT(T::highestCommittedUSN(), before);
+    const std::string log = refresh();
+    EXPECT_TRUE(has(log, "Map 'hosts' is ahead of server dc1.example.com"));
+    EXPECT_EQ(value("hosts.byname", "c"), "(no key)");
+    EXPECT_EQ(value("hosts.byname", "a"), "10.0.0.1 a");
+    EXPECT_EQ(value("auto.home", "bob"), "srv:/home/bob");
+    EXPECT_GT(m_server->getOrder(DOMAIN, "hosts.byname"), order);
+    EXPECT_FALSE(has(refresh(), "is ahead of server"));
 }
 
 TEST_F(MapSetUpdateTest, ADueMapIsUpdatedByItself) {
