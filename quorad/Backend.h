@@ -21,6 +21,7 @@ inline constexpr const char* PROP_DIRECTORY = "quorad.directory";
 inline constexpr const char* PROP_ZONE = "quorad.zone";
 inline constexpr const char* PROP_HOST_NAME = "quorad.hostname";
 inline constexpr const char* PROP_SOCKET_ALLOW = "quorad.socket.allow";
+inline constexpr const char* PROP_CORE_DUMPS = "quorad.coredumps";
 inline constexpr const char* DEFAULT_DIRECTORY = "ldif:/etc/velmorix/directory.ldif";
 
 /// The directory and the machine's place in it, as one configuration names them. Whoever works with

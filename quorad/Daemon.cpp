@@ -1,5 +1,6 @@
 #include "Daemon.h"
 
+#include "Process.h"
 #include "Service.h"
 
 #include <karst/Exceptions.h>
@@ -31,6 +32,7 @@ Daemon::Daemon(Places places, bool discardState)
     tessa::Properties configuration;
     configuration.load(m_places.configuration); // a missing file has been reported: defaults hold
     tessa::Logger::configure(configuration);
+    setCoreDumps(configuration.getBool(PROP_CORE_DUMPS, false));
     m_allow.set(configuration.getList(PROP_SOCKET_ALLOW));
     m_backend.set(makeBackend(configuration, m_places.stateDirectory, nullptr, discardState));
     m_maintenance.start("maintenance", [this] { maintenance(); });

@@ -11,6 +11,7 @@
 #include <cstdlib>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -87,6 +88,14 @@ void fail(ExitCode code, const std::string& text) {
     KARST_LOG(logger, tessa::LOG_FAILURE, "%s", text.c_str());
     std::fprintf(stderr, "%s\n", text.c_str());
     terminate(code);
+}
+
+void setCoreDumps(bool allowed) {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_CORE, &limit) == 0) {
+        limit.rlim_cur = allowed ? limit.rlim_max : 0;
+        ::setrlimit(RLIMIT_CORE, &limit);
+    }
 }
 
 void ensureFolder(const std::string& path, unsigned mode, bool enforce) {

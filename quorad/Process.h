@@ -22,6 +22,9 @@ enum class ExitCode : int {
 /// Logs a failure, says it on standard error too, and ends the process.
 [[noreturn]] void fail(ExitCode code, const std::string& text);
 
+/// A core holds what the process holds: passwords, keys, tickets. Without this none is written.
+void setCoreDumps(bool allowed);
+
 /// Makes a folder of that mode unless it is there; an existing one keeps its mode unless `enforce`.
 /// Ends the process when there can be none.
 void ensureFolder(const std::string& path, unsigned mode, bool enforce);

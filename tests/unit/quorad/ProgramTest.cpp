@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -162,6 +163,27 @@ TEST_F(ProgramTest, StateFolderIsForItsOwnerOnlyWhateverItWas) {
     ::chmod("/var/velmorix/quorad", 0777);
     startForeground();
     EXPECT_EQ(0700U, modeOf("/var/velmorix/quorad"));
+    EXPECT_EQ(0, endForeground(SIGTERM).status);
+}
+
+TEST_F(ProgramTest, NoCoreIsWrittenUnlessTheConfigurationSaysSo) {
+    const auto coreLimit = [&] {
+        std::istringstream limits(contentOf("/proc/" + std::to_string(m_daemon) + "/limits"));
+        std::string line;
+        while (std::getline(limits, line) && line.find("Max core file size") != 0) {
+        }
+        std::istringstream words(line.substr(std::string("Max core file size").size()));
+        std::string soft;
+        std::string hard;
+        words >> soft >> hard;
+        return std::make_pair(soft, hard);
+    };
+    startForeground();
+    EXPECT_EQ("0", coreLimit().first);
+    EXPECT_EQ(0, endForeground(SIGTERM).status);
+    std::ofstream("/etc/velmorix/velmorix.conf", std::ios::app) << "quorad.coredumps: yes\n";
+    startForeground();
+    EXPECT_EQ(coreLimit().second, coreLimit().first);
     EXPECT_EQ(0, endForeground(SIGTERM).status);
 }
 
