@@ -132,7 +132,7 @@ ExitStatus Commands::joinCheck() {
     if (!m_options.zone.empty()) {
         m_configuration.set(PROP_ZONE, m_options.zone);
     }
-    const std::vector<Finding> findings = JoinCheck(m_configuration).run();
+    const std::vector<Finding> findings = JoinCheck(m_configuration, m_options.login.server).run();
     std::cout << render(findings);
     return worst(findings) == Verdict::FAILED ? ExitStatus::FAILURE : ExitStatus::SUCCESS;
 }

@@ -2,7 +2,6 @@
 
 #include "Backend.h"
 #include "Keytab.h"
-#include "Login.h"
 
 #include <karst/DN.h>
 #include <karst/Exceptions.h>
@@ -123,7 +122,7 @@ bool JoinCheck::checkConfiguration() {
     } else {
         try {
             quorad::checkConfiguration(m_configuration);
-            m_settings = settingsOf(m_configuration, LoginOptions());
+            m_settings = settingsOf(m_configuration, m_login);
         } catch (const tessa::TESSAException& error) {
             fault = error.message();
         }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Findings.h"
+#include "Login.h"
 #include "ldap/Connection.h"
 #include "ldap/Locator.h"
 #include "ldap/Settings.h"
@@ -18,7 +19,11 @@ namespace quorad::admin {
 /// the machine, as quorad does.
 class JoinCheck {
 public:
-    explicit JoinCheck(const tessa::Properties& configuration) : m_configuration(configuration) {}
+    /// @param server this controller only; empty: all of them
+    explicit JoinCheck(const tessa::Properties& configuration, const std::string& server = "")
+        : m_configuration(configuration) {
+        m_login.server = server;
+    }
 
     /// All checks. What depends on something that failed is left out.
     std::vector<Finding> run();
@@ -44,6 +49,7 @@ private:
     void add(Verdict verdict, std::string check, std::string text, std::string advice = "");
 
     const tessa::Properties& m_configuration;
+    LoginOptions m_login;
     ldap::Settings m_settings;
     std::string m_zone;
     std::vector<ldap::Candidate> m_candidates;

@@ -67,6 +67,8 @@ class JoinCheck(adtest.AdTest):
         self.lab.write_client_files()
         self.differs(1, address="FAILED", connection="FAILED", bind="FAILED", quorad="OK")
         self.assertIn("dc9." + adlab.DOMAIN, self.output)
+        self.assertEqual(run(program("quorad-admin"), "join-check", "--server",
+                             "dc1." + adlab.DOMAIN).returncode, 0)
 
     def test_clock(self):
         self.lab.dc1.stop()

@@ -89,14 +89,14 @@ class Controller:
         write(etc + "/nsswitch.conf", "passwd: files\ngroup: files\nhosts: files dns\n")
 
     def inside(self, *command):
-        """The command as it is run on this controller's machine."""
-        mounts = " && ".join(
-            "mkdir -p %s/%s /%s && mount --bind %s/%s /%s" % (self.folder, path, path,
-                                                            self.folder, path, path)
-            for path in ("etc/samba", "var/lib/samba", "var/cache/samba", "var/log/samba",
-                         "run/samba"))
+        """The command as it is run on this controller's machine. faketime names what it shares by
+        process ids, which tests in other namespaces have as well: its folder is the machine's own."""
+        steps = ["ulimit -n $(ulimit -Hn)", "hostname " + self.name, "mount -t tmpfs tmpfs /dev/shm"]
+        for path in ("etc/samba", "var/lib/samba", "var/cache/samba", "var/log/samba", "run/samba"):
+            here = os.path.join(self.folder, path)
+            steps.append("mkdir -p %s /%s && mount --bind %s /%s" % (here, path, here, path))
         return ["ip", "netns", "exec", self.name, "unshare", "--uts", "--mount", "--ipc", "sh", "-c",
-                "ulimit -n $(ulimit -Hn); hostname %s && %s && exec \"$@\"" % (self.name, mounts), "sh", *command]
+                " && ".join(steps) + ' && exec "$@"', "sh", *command]
 
     def run(self, *command, **options):
         return call(*self.inside(*command), **options)
