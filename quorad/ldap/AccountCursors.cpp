@@ -20,6 +20,7 @@ constexpr const char* POSIX_GROUPS = "(&(objectClass=group)(gidNumber=*))";
 constexpr const char* ALL_GROUPS = "(objectClass=group)";
 // A part of the members with each group, so that no answer is too large; the rest follows by range.
 constexpr const char* FIRST_MEMBERS = "member;range=0-1499";
+constexpr unsigned long MEMBERS_AT_ONCE = 1500; // more is not handed out
 constexpr const char* EXPIRY = "msDS-UserPasswordExpiryTimeComputed";
 
 std::vector<std::string> userAttributes(bool withExpiry) {
@@ -39,10 +40,25 @@ std::vector<std::string> groupAttributes(bool withMembers) {
     return names;
 }
 
-SearchOptions everywhere() {
+SearchOptions everywhere(bool wholeRanges = true) {
     SearchOptions options;
     options.scope = LDAP_SCOPE_SUBTREE;
+    options.wholeRanges = wholeRanges;
     return options;
+}
+
+// Takes the part of the members that the object has out of it.
+// False when it has none by range.
+bool takeMembers(tessa::ADObject& object, Range& range, std::vector<std::string>& members) {
+    for (const auto& attribute : object.attributes()) {
+        if (parseRange(attribute.name, range) &&
+            tessa::equalsIgnoreCase(range.attribute, "member")) {
+            members = attribute.values;
+            object.set(std::string(attribute.name), std::vector<std::string>());
+            return true;
+        }
+    }
+    return false;
 }
 
 std::int64_t timeOf(Query& query) {
@@ -150,7 +166,7 @@ void AccountReader::step() {
             m_query->start(base, USERS, userAttributes(m_kind == AccountKind::USER), everywhere());
         } else {
             const bool withMembers = m_kind == AccountKind::GROUP;
-            m_query->start(base, ALL_GROUPS, groupAttributes(withMembers), everywhere());
+            m_query->start(base, ALL_GROUPS, groupAttributes(withMembers), everywhere(false));
         }
     }
     std::vector<tessa::ADObject> page;
@@ -159,8 +175,29 @@ void AccountReader::step() {
         m_index.addUsers(page);
         m_usersLeft = more;
     } else {
-        m_index.addGroups(page);
+        for (tessa::ADObject& object : page) {
+            addGroup(object);
+        }
         m_groupsLeft = more;
+    }
+}
+
+// Never more of its members in memory than come at once.
+void AccountReader::addGroup(tessa::ADObject& object) {
+    const std::string dn = object["_dn"];
+    Range range;
+    std::vector<std::string> members;
+    bool more = takeMembers(object, range, members) && !range.complete;
+    const std::int64_t group = m_index.addGroup(object);
+    m_index.addMembers(group, members);
+    while (more) {
+        const unsigned long first = range.next;
+        tessa::ADObject part = m_query->ask([&](Connection& connection) {
+            return connection.read(dn, {rangeOf("member", first, MEMBERS_AT_ONCE)});
+        });
+        members.clear();
+        more = takeMembers(part, range, members) && !range.complete && range.next > first;
+        m_index.addMembers(group, members);
     }
 }
 

@@ -43,6 +43,7 @@ public:
 
 private:
     void step();
+    void addGroup(tessa::ADObject& object);
 
     const AccountKind m_kind;
     AccountNotices& m_notices;

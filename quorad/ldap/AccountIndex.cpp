@@ -132,7 +132,7 @@ void AccountIndex::addUser(const tessa::ADObject& object) {
     add.bind(13, std::int64_t{tessa::atoui(object["primaryGroupID"].asString())}).run();
 }
 
-void AccountIndex::addGroup(const tessa::ADObject& object) {
+std::int64_t AccountIndex::addGroup(const tessa::ADObject& object) {
     tessa::GroupRecord group;
     std::string reason;
     const bool posix = object.attributeExists("gidNumber", false);
@@ -143,26 +143,31 @@ void AccountIndex::addGroup(const tessa::ADObject& object) {
     const AccountReference reference = Accounts::groupReference(object);
     const std::string spelling = object["_dn"];
     const std::string dn = tessa::DN::normalize(spelling);
-    sqlite::Statement& add = m_statements->addTeam;
-    add.bind(1, group.name).bind(2, dn).bind(3, spelling);
-    if (served) {
-        add.bind(4, std::int64_t{group.gid});
-    } else {
-        add.bindNull(4);
-    }
-    if (reference.hasRid) {
-        add.bind(5, std::int64_t{reference.rid});
-    } else {
-        add.bindNull(5);
-    }
-    add.run();
-    const std::int64_t id = sqlite3_last_insert_rowid(m_database->handle());
-    for (const std::string& member : reference.members) {
-        m_statements->addMember.bind(1, id).bind(2, member).run();
-    }
-    for (const std::string& name : reference.names) {
-        m_statements->addNamed.bind(1, id).bind(2, name).run();
-    }
+    const std::int64_t id = guarded([&] {
+        sqlite::Statement& add = m_statements->addTeam;
+        add.bind(1, group.name).bind(2, dn).bind(3, spelling);
+        served ? add.bind(4, std::int64_t{group.gid}) : add.bindNull(4);
+        reference.hasRid ? add.bind(5, std::int64_t{reference.rid}) : add.bindNull(5);
+        add.run();
+        return static_cast<std::int64_t>(sqlite3_last_insert_rowid(m_database->handle()));
+    });
+    addMembers(id, reference.members);
+    guarded([&] {
+        for (const std::string& name : reference.names) {
+            m_statements->addNamed.bind(1, id).bind(2, name).run();
+        }
+    });
+    return id;
+}
+
+void AccountIndex::addMembers(std::int64_t group, const std::vector<std::string>& members) {
+    guarded([&] {
+        sqlite::Transaction transaction(*m_database, "BEGIN");
+        for (const std::string& member : members) {
+            m_statements->addMember.bind(1, group).bind(2, member).run();
+        }
+        transaction.commit();
+    });
 }
 
 void AccountIndex::addUsers(const std::vector<tessa::ADObject>& objects) {
@@ -170,16 +175,6 @@ void AccountIndex::addUsers(const std::vector<tessa::ADObject>& objects) {
         sqlite::Transaction transaction(*m_database, "BEGIN");
         for (const tessa::ADObject& object : objects) {
             addUser(object);
-        }
-        transaction.commit();
-    });
-}
-
-void AccountIndex::addGroups(const std::vector<tessa::ADObject>& objects) {
-    guarded([&] {
-        sqlite::Transaction transaction(*m_database, "BEGIN");
-        for (const tessa::ADObject& object : objects) {
-            addGroup(object);
         }
         transaction.commit();
     });

@@ -29,8 +29,11 @@ public:
     AccountIndex& operator=(const AccountIndex&) = delete;
 
     void addUsers(const std::vector<tessa::ADObject>& objects);
-    /// Groups without a number too: others may contain them.
-    void addGroups(const std::vector<tessa::ADObject>& objects);
+    /// A group, without a number too: others may contain it.
+    /// @return its number here, for addMembers
+    std::int64_t addGroup(const tessa::ADObject& object);
+    /// Further members of a group.
+    void addMembers(std::int64_t group, const std::vector<std::string>& members);
     /// What is wrong with the accounts, for an administrator; a bounded number of texts.
     std::set<std::string> problems();
 
@@ -46,7 +49,6 @@ private:
 
     static std::string prefix();
     void addUser(const tessa::ADObject& object);
-    void addGroup(const tessa::ADObject& object);
     void addProblem(const tessa::ADObject& object, const char* kind, const std::string& reason);
     void findDuplicates(const char* table, const char* column, const char* what);
     AccountReference reference(std::int64_t group);

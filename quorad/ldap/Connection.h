@@ -51,8 +51,9 @@ struct RootObject {
 struct SearchOptions {
     int scope = 1;
     bool showDeleted = false;
-    unsigned pageSize = 0;  ///< 0: as configured
-    unsigned sizeLimit = 0; ///< 0: none
+    unsigned pageSize = 0;   ///< 0: as configured
+    unsigned sizeLimit = 0;  ///< 0: none
+    bool wholeRanges = true; ///< attributes that come by ranges are completed
 };
 
 struct Modification {

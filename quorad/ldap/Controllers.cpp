@@ -111,10 +111,13 @@ Controllers::Lease Controllers::lease(Deadline deadline) {
         try {
             return leaseFrom(candidate, deadline);
         } catch (const tessa::TESSAException& e) {
-            reasons += (reasons.empty() ? "" : "; ") + e.message();
+            if (reasons.find(e.message()) == std::string::npos) { // what is wrong here fails alike
+                reasons += (reasons.empty() ? "" : "; ") + e.message();
+            }
         }
     }
-    TESSA_THROW(tessa::IPCException, reasons);
+    TESSA_THROW(tessa::IPCException,
+                reasons.empty() ? "no domain controller answered within the time limit" : reasons);
 }
 
 Controllers::Lease Controllers::leaseFrom(const Candidate& candidate, Deadline deadline) {

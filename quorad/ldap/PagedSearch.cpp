@@ -80,7 +80,7 @@ bool PagedSearch::nextPage(std::vector<tessa::ADObject>& objects) {
         m_more = false;
         throw;
     }
-    for (std::size_t i = before; i < objects.size(); ++i) {
+    for (std::size_t i = before; m_options.wholeRanges && i < objects.size(); ++i) {
         m_connection.completeRanges(objects[i], m_options.showDeleted);
     }
     m_count += objects.size() - before;

@@ -213,7 +213,7 @@ void EntryCursor::compare() {
     std::vector<tessa::ADObject> page;
     const bool more = m_query.nextPage(page);
     for (const tessa::ADObject& object : page) {
-        m_present.push_back(object.guid());
+        m_present.push_back(toBytes(object.guid()));
     }
     if (!more) {
         finishCompare();
@@ -222,7 +222,7 @@ void EntryCursor::compare() {
 }
 
 void EntryCursor::finishCompare() {
-    std::sort(m_present.begin(), m_present.end());
+    std::sort(m_present.begin(), m_present.end(), isBefore);
     const std::size_t count = m_store.compare(
         m_base, m_query.epoch().number, m_root.usn + m_query.epoch().shift, m_mark, m_present);
     KARST_LOG(logger(), tessa::LOG_DEBUGGING, "Compared '%s': %zu objects, %zu gone",

@@ -78,7 +78,7 @@ private:
     bool m_readable = false;
     Phase m_phase = Phase::ENTRIES;
     std::int64_t m_mark = 0;
-    std::vector<std::string> m_present; ///< GUIDs, while comparing
+    std::vector<GuidBytes> m_present; ///< while comparing
     std::string m_lastGone;
     std::deque<tessa::ADObject> m_ready;
     std::size_t m_left;

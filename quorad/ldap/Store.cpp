@@ -43,6 +43,10 @@ std::int64_t pragma(sqlite::Database& database, const char* sql) {
     return statement.step() ? statement.number(0) : 0;
 }
 
+std::string_view toView(const GuidBytes& guid) {
+    return {guid.data(), guid.size()};
+}
+
 void removeFiles(const std::string& path) {
     for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
         const std::string name = path + suffix;
@@ -54,6 +58,16 @@ void removeFiles(const std::string& path) {
 }
 
 } // namespace
+
+GuidBytes toBytes(std::string_view guid) {
+    GuidBytes bytes{};
+    std::copy_n(guid.begin(), std::min(guid.size(), bytes.size()), bytes.begin());
+    return bytes;
+}
+
+bool isBefore(const GuidBytes& a, const GuidBytes& b) {
+    return toView(a) < toView(b); // as bytes, like the database
+}
 
 /// Kept for the life of the database.
 struct Store::Statements {
@@ -299,27 +313,27 @@ std::int64_t Store::mark() {
 }
 
 std::size_t Store::compare(const TrackedBase& base, std::int64_t epoch, std::int64_t usn,
-                           std::int64_t mark, const std::vector<std::string>& present) {
+                           std::int64_t mark, const std::vector<GuidBytes>& present) {
     return guarded([&](Statements& s) {
-        std::vector<std::string> missing;
+        std::vector<GuidBytes> missing;
         auto there = present.begin();
         s.known.bind(1, base.id).bind(2, mark);
         while (s.known.step()) {
-            const std::string_view guid = s.known.bytes(0);
-            there = std::lower_bound(there, present.end(), guid);
+            const GuidBytes guid = toBytes(s.known.bytes(0));
+            there = std::lower_bound(there, present.end(), guid, isBefore);
             if (there == present.end() || *there != guid) {
-                missing.emplace_back(guid);
+                missing.push_back(guid);
             }
         }
-        for (const std::string& guid : missing) {
-            s.setGone(base.id, guid, usn);
+        for (const GuidBytes& guid : missing) {
+            s.setGone(base.id, toView(guid), usn);
         }
         s.nextMark.run();
         const std::int64_t added = s.markNow();
         std::int64_t fresh = 0;
-        for (const std::string& guid : present) {
-            if (!s.isKnownIn(base.id, guid)) {
-                s.add.bind(1, base.id).bind(2, guid).bind(3, added).run();
+        for (const GuidBytes& guid : present) {
+            if (!s.isKnownIn(base.id, toView(guid))) {
+                s.add.bind(1, base.id).bind(2, toView(guid)).bind(3, added).run();
                 ++fresh;
             }
         }

@@ -4,9 +4,11 @@
 
 #include <karst/Mutex.h>
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace quorad::ldap {
@@ -27,6 +29,13 @@ struct TrackedBase {
     std::int64_t comparedUsn = 0;
     std::int64_t count = 0; ///< objects known
 };
+
+/// The raw bytes of a GUID, as many of them are kept in memory.
+using GuidBytes = std::array<char, 16>;
+
+GuidBytes toBytes(std::string_view guid);
+/// The order in which comparisons need them.
+bool isBefore(const GuidBytes& a, const GuidBytes& b);
 
 /// An object that is not in its container any more.
 struct GoneObject {
@@ -71,10 +80,10 @@ public:
     std::int64_t mark();
     /// Takes those of the container that were known at the mark and are not among the present ones
     /// for gone.
-    /// @param present sorted
+    /// @param present in the order of isBefore
     /// @return how many are gone
     std::size_t compare(const TrackedBase& base, std::int64_t epoch, std::int64_t usn,
-                        std::int64_t mark, const std::vector<std::string>& present);
+                        std::int64_t mark, const std::vector<GuidBytes>& present);
     /// Where objects lie now: each is gone from every other container of the server.
     struct Place {
         std::string guid;

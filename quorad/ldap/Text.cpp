@@ -63,6 +63,11 @@ std::string rangeFrom(std::string_view attribute, unsigned long first) {
     return std::string(attribute) + std::string(RANGE_OPTION) + std::to_string(first) + "-*";
 }
 
+std::string rangeOf(std::string_view attribute, unsigned long first, unsigned long count) {
+    return std::string(attribute) + std::string(RANGE_OPTION) + std::to_string(first) + "-" +
+           std::to_string(first + count - 1);
+}
+
 std::string shiftUsn(std::string_view filter, long long shift) {
     static constexpr std::array<std::string_view, 2> NAMES{"usnchanged", "usncreated"};
     std::string shifted;

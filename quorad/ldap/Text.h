@@ -18,6 +18,8 @@ struct Range {
 bool parseRange(std::string_view description, Range& range);
 /// The description that asks for the values from `first` on.
 std::string rangeFrom(std::string_view attribute, unsigned long first);
+/// The description that asks for so many values from `first` on.
+std::string rangeOf(std::string_view attribute, unsigned long first, unsigned long count);
 
 /// Replaces the numbers that a filter compares USN attributes with, by adding `shift`. A sum below
 /// 0 counts as 0.

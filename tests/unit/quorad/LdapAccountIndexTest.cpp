@@ -75,6 +75,11 @@ protected:
         }
         return found;
     }
+    void addGroups(const std::vector<tessa::ADObject>& objects) {
+        for (const tessa::ADObject& object : objects) {
+            index.addGroup(object);
+        }
+    }
     bool hasProblem(const std::set<std::string>& problems, const std::string& a,
                     const std::string& b) {
         return std::any_of(problems.begin(), problems.end(), [&](const std::string& text) {
@@ -120,9 +125,8 @@ TEST_F(LdapAccountIndex, MembersNestedPrimaryAndForeign) {
     const std::string sid(
         "\x01\x05\0\0\0\0\0\x05\x15\0\0\0\x01\0\0\0\x01\0\0\0\x01\0\0\0\x01\x02\0\0", 28);
     index.addUsers({user("ann", 1), user("bob", 2, {{"primaryGroupID", {"600"}}}), user("cid", 3)});
-    index.addGroups({group("outer", 10, {"bob", "inner", "nobody"}),
-                     group("inner", 0, {"cid", "outer"}), group("everybody", 11, {}, sid),
-                     group("empty", 12, {})});
+    addGroups({group("outer", 10, {"bob", "inner", "nobody"}), group("inner", 0, {"cid", "outer"}),
+               group("everybody", 11, {}, sid), group("empty", 12, {})});
     const auto found = groups();
     EXPECT_EQ(found.size(), 3U);
     EXPECT_EQ(found.at("outer"), (std::vector<std::string>{"bob", "cid"}));
@@ -130,10 +134,17 @@ TEST_F(LdapAccountIndex, MembersNestedPrimaryAndForeign) {
     EXPECT_TRUE(found.at("empty").empty());
 }
 
+TEST_F(LdapAccountIndex, MembersMayComeInParts) {
+    index.addUsers({user("ann", 1), user("bob", 2)});
+    const std::int64_t team = index.addGroup(group("team", 10, {"bob"}));
+    index.addMembers(team, {std::string("CN=ann") + BASE});
+    index.addMembers(team, {});
+    EXPECT_EQ(groups().at("team"), (std::vector<std::string>{"ann", "bob"}));
+}
+
 TEST_F(LdapAccountIndex, ProblemsNameBothObjects) {
     index.addUsers({user("ann", 5), user("bob", 5), user("bad", 6, {{"loginShell", {"a:b"}}})});
-    index.addGroups(
-        {group("g1", 7, {}), group("g2", 7, {}), group("n1", 0, {}), group("n2", 0, {})});
+    addGroups({group("g1", 7, {}), group("g2", 7, {}), group("n1", 0, {}), group("n2", 0, {})});
     const auto problems = index.problems();
     EXPECT_EQ(problems.size(), 3U);
     EXPECT_TRUE(hasProblem(problems, "CN=ann,", "CN=bob,"));

@@ -35,6 +35,14 @@ std::vector<std::string> guids(int first, int last) {
     return all;
 }
 
+std::vector<GuidBytes> present(int first, int last) {
+    std::vector<GuidBytes> all;
+    for (const std::string& bytes : guids(first, last)) {
+        all.push_back(toBytes(bytes));
+    }
+    return all;
+}
+
 class LdapStore : public testing::Test {
 protected:
     void SetUp() override { open(); }
@@ -128,13 +136,13 @@ TEST_F(LdapStore, SpellingOfANameDoesNotMatter) {
 TEST_F(LdapStore, ComparisonFindsWhatIsMissing) {
     store->add(hosts(), guids(1, 10));
     const std::int64_t mark = store->mark();
-    EXPECT_EQ(store->compare(hosts(), 0, 500, mark, guids(3, 12)), 2U);
+    EXPECT_EQ(store->compare(hosts(), 0, 500, mark, present(3, 12)), 2U);
     EXPECT_EQ(gone(hosts(), 500), guids(1, 2));
     EXPECT_EQ(gone(hosts(), 501), std::vector<std::string>());
     EXPECT_EQ(hosts().count, 10);
     EXPECT_EQ(hosts().comparedUsn, 500);
     EXPECT_EQ(hosts().epoch, 0);
-    EXPECT_EQ(store->compare(hosts(), 0, 600, store->mark(), guids(3, 12)), 0U);
+    EXPECT_EQ(store->compare(hosts(), 0, 600, store->mark(), present(3, 12)), 0U);
     EXPECT_EQ(store->compare(hosts(), 0, 700, store->mark(), {}), 10U);
     EXPECT_EQ(hosts().count, 0);
 }
@@ -143,13 +151,13 @@ TEST_F(LdapStore, WhatIsAddedDuringAComparisonIsNotMissing) {
     store->add(hosts(), guids(1, 2));
     const std::int64_t mark = store->mark();
     store->add(hosts(), guids(5, 5));
-    EXPECT_EQ(store->compare(hosts(), 0, 500, mark, guids(1, 2)), 0U);
+    EXPECT_EQ(store->compare(hosts(), 0, 500, mark, present(1, 2)), 0U);
     EXPECT_EQ(hosts().count, 3);
 }
 
 TEST_F(LdapStore, WhatComesBackIsNotGoneAnyMore) {
     store->add(hosts(), guids(1, 3));
-    store->compare(hosts(), 0, 500, store->mark(), guids(1, 1));
+    store->compare(hosts(), 0, 500, store->mark(), present(1, 1));
     EXPECT_EQ(gone(hosts(), 0), guids(2, 3));
     store->add(hosts(), guids(3, 3));
     EXPECT_EQ(gone(hosts(), 0), guids(2, 2));

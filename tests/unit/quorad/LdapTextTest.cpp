@@ -27,6 +27,7 @@ TEST(LdapRange, PartsAndTheLastPart) {
     EXPECT_EQ(range.attribute, "Member");
     EXPECT_TRUE(range.complete);
     EXPECT_EQ(rangeFrom("member", 1500), "member;range=1500-*");
+    EXPECT_EQ(rangeOf("member", 1500, 1500), "member;range=1500-2999");
 }
 
 TEST(LdapRange, OtherOptionsAndNonsenseAreNone) {
