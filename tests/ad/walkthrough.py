@@ -8,6 +8,7 @@ import adlab
 import adtest
 import nistest
 from nistest import program
+from ypclient import yp_port
 
 DOCUMENT = os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir, os.pardir, "docs",
                         "active-directory.md")
@@ -89,6 +90,7 @@ class Walkthrough(adtest.AdTest):
                 nistest.wait_for(lambda: nistest.run("ypwhich").returncode == 0, "ypbind")
             outputs[commands] = self.follow(kind, commands)
             if "systemctl enable --now rpcbind quorad" in commands:
+                nistest.wait_for(lambda: yp_port("udp"), "the registration with rpcbind")
                 self.wait_served("lab.example.com")
         self.check(outputs)
 
