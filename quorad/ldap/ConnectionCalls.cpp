@@ -122,6 +122,12 @@ void Connection::fail(int code, const std::string& what, const std::string& dn) 
     case LDAP_UNAVAILABLE:
         m_usable = false;
         TESSA_THROW(ConnectionLost, text);
+    case LDAP_OPERATIONS_ERROR: // what a connection answers whose tickets have run out
+    case LDAP_STRONG_AUTH_REQUIRED:
+    case LDAP_BUSY:
+    case LDAP_UNWILLING_TO_PERFORM:
+        m_usable = false;
+        QUORAD_REFUSED(text, code);
     default:
         QUORAD_REFUSED(text, code);
     }

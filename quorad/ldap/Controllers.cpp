@@ -74,11 +74,10 @@ std::vector<Candidate> Controllers::inOrder() {
     }
     std::vector<Candidate> all = m_candidates;
     if (m_isPinned) {
-        const auto isPinned = [this](const Candidate& c) {
-            return c.endpoint == m_pinned.endpoint;
-        };
+        const Candidate pinned = m_pinned;
+        const auto isPinned = [&](const Candidate& c) { return c.endpoint == pinned.endpoint; };
         all.erase(std::remove_if(all.begin(), all.end(), isPinned), all.end());
-        all.insert(all.begin(), m_pinned);
+        all.insert(all.begin(), pinned);
     }
     std::string reasons;
     std::vector<Candidate> usable;
@@ -165,8 +164,9 @@ Epoch Controllers::checkEpoch(Connection& connection) {
     if (!root.settingsDn.empty()) {
         try {
             invocation = connection.read(root.settingsDn, {"invocationId"})["invocationId"];
-        } catch (const tessa::NotFoundException&) {
-            KARST_LOG(m_logger, tessa::LOG_DEBUGGING, "%s hides its invocation id", server.c_str());
+        } catch (const tessa::NotFoundException&) { // NOLINT: hidden from this account
+        } catch (const Refused& e) {
+            KARST_LOG(m_logger, tessa::LOG_DEBUGGING, "No invocation id: %s", e.what());
         }
     }
     bool begun = false;

@@ -113,8 +113,9 @@ bool Controllers::mayGoBack(std::vector<Candidate>& preferred) {
         return false;
     }
     m_lastGoBack = now;
+    const unsigned priority = m_pinned.priority;
     std::copy_if(m_candidates.begin(), m_candidates.end(), std::back_inserter(preferred),
-                 [this](const Candidate& c) { return c.priority < m_pinned.priority; });
+                 [=](const Candidate& c) { return c.priority < priority; });
     return !preferred.empty();
 }
 

@@ -175,7 +175,7 @@ void readAuthentication(const tessa::Properties& configuration, Settings& settin
         } else if (settings.principal.find('@') == std::string::npos) {
             settings.principal += "@" + upper(settings.domain);
         }
-        if (settings.keytab.front() != '/') {
+        if (settings.keytab.empty() || settings.keytab.front() != '/') {
             refuse(PROP_KEYTAB, settings.keytab, "an absolute path is needed");
         }
         return;

@@ -76,6 +76,7 @@ struct Store::Statements {
           putServer(d, "INSERT OR REPLACE INTO server(name, invocation, usn, epoch, shift, moves,"
                        " seen) VALUES(?, ?, ?, ?, ?, ?, ?)"),
           setUsn(d, "UPDATE server SET usn = max(usn, ?), seen = ? WHERE name = ?"),
+          setIdentity(d, "UPDATE server SET invocation = ? WHERE name = ?"),
           setMoves(d, "UPDATE server SET moves = ? WHERE name = ? AND epoch = ?"),
           base(d, "SELECT id, epoch, compared, usn, count FROM base WHERE server = ? AND dn = ?"),
           addBase(d, "INSERT INTO base(server, dn, epoch, compared, usn, count)"
@@ -110,8 +111,8 @@ struct Store::Statements {
         count.bind(1, std::int64_t{-1}).bind(2, id).run();
     }
 
-    sqlite::Statement server, putServer, setUsn, setMoves, base, addBase, setBase, count, bases,
-        add, isKnown, known, forget, putGone, dropGone, gone, mark, nextMark;
+    sqlite::Statement server, putServer, setUsn, setIdentity, setMoves, base, addBase, setBase,
+        count, bases, add, isKnown, known, forget, putGone, dropGone, gone, mark, nextMark;
 };
 
 Store::Store(std::string path, bool discard) : m_path(std::move(path)) {
@@ -225,17 +226,23 @@ Epoch Store::epoch(const std::string& server, const std::string& invocation, std
         const std::int64_t now = std::time(nullptr);
         Epoch epoch;
         std::int64_t usn = 0;
+        std::string identity;
         s.server.bind(1, server);
         const bool isKnown = s.server.step();
         if (isKnown) {
             usn = s.server.number(1);
             epoch = {s.server.number(2), s.server.number(3)};
-            begun = s.server.bytes(0) != invocation || ownUsn < usn;
+            identity = s.server.bytes(0);
+            begun = ownUsn < usn ||
+                    (!identity.empty() && !invocation.empty() && identity != invocation);
         }
         s.server.reset();
         if (isKnown && !begun) {
             if (ownUsn != usn) {
                 s.setUsn.bind(1, ownUsn).bind(2, now).bind(3, server).run();
+            }
+            if (identity.empty() && !invocation.empty()) {
+                s.setIdentity.bind(1, invocation).bind(2, server).run();
             }
             return epoch;
         }

@@ -62,6 +62,7 @@ public:
 
     /// The epoch of a server that now shows this identity and sequence number of its own. A number
     /// below the one that it had, or another identity, begins a new epoch.
+    /// @param invocation empty: not known, which is no other identity
     /// @param begun set when it did
     Epoch epoch(const std::string& server, const std::string& invocation, std::int64_t ownUsn,
                 bool& begun);

@@ -122,6 +122,16 @@ class ChangesWithReadableTombstones(Changes):
         self.assertFalse(self.quorad.find("Compared '", mark))
 
 
+    def test_deleted_and_state_lost(self):
+        """Tombstones name their map: nothing need be known of the entry."""
+        self.quorad.stop()
+        self.lab.delete(self.dns["key03"])
+        del self.entries["key03"]
+        self.quorad = self.start("quorad", [nistest.program("quorad"), "-d", "-f"])
+        nistest.wait_for(self.quorad_answers, "quorad")
+        self.refreshed()
+
+
 class Sequence(adtest.AdTest):
     """A restored controller counts from a lower number on: nothing may go unnoticed."""
 

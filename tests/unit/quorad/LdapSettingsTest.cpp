@@ -91,6 +91,7 @@ TEST(LdapSettings, Principal) {
     EXPECT_EQ(parse({{"quorad.ldap.principal", "nis/x@OTHER"}}).principal, "nis/x@OTHER");
     EXPECT_EQ(parse({{"quorad.ldap.principal", "nis"}}).principal, "nis@EXAMPLE.COM");
     EXPECT_NE(refusal({{"quorad.ldap.keytab", "keytab"}}), "");
+    EXPECT_NE(refusal({{"quorad.ldap.keytab", ""}}), "");
 }
 
 TEST(LdapSettings, LimitsStayBelowWhatClientsWait) {

@@ -104,6 +104,16 @@ TEST_F(LdapStore, OtherIdentityBeginsAnEpochWhateverTheNumber) {
     EXPECT_GT(1 + restored.shift, 4000);
 }
 
+TEST_F(LdapStore, IdentityThatIsHiddenIsNoOtherOne) {
+    epoch(4000, "");
+    epoch(4001, "A"); // by now the account may see it
+    EXPECT_FALSE(begun);
+    epoch(4002, "");
+    EXPECT_FALSE(begun);
+    epoch(4003, "B");
+    EXPECT_TRUE(begun);
+}
+
 TEST_F(LdapStore, EpochsSurviveARestart) {
     epoch(4000);
     const Epoch restored = epoch(3000);

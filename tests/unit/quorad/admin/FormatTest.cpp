@@ -36,7 +36,7 @@ TEST(Format, NamesAreKnown) {
     EXPECT_TRUE(formatFromName("keyed", format));
     EXPECT_EQ(format, Format::KEYED);
     EXPECT_FALSE(formatFromName("nonsense", format));
-    EXPECT_EQ(formatNames(), "keyed, hosts, services, numbered, ethers, passwd, aliases");
+    EXPECT_EQ(formatNames(), "keyed, hosts, services, numbered, ethers, timezone, passwd, aliases");
 }
 
 TEST(Format, KeyedLines) {
@@ -125,6 +125,15 @@ TEST(Format, NumberedAndEthers) {
                 ElementsAre("alpha=2:0:0:0:0:a alpha"));
     EXPECT_THAT(pairs(parseFile("alpha 2:0:0:0:0:a alpha\n", Format::ETHERS)),
                 ElementsAre("alpha=2:0:0:0:0:a alpha"));
+}
+
+TEST(Format, Timezone) {
+    EXPECT_THAT(pairs(parseFile("UTC alpha beta\n", Format::TIMEZONE)),
+                ElementsAre("alpha=UTC alpha beta"));
+    const auto dump = parseFile("alpha UTC alpha beta\nbeta UTC alpha beta\n", Format::TIMEZONE);
+    EXPECT_TRUE(dump.dump);
+    EXPECT_THAT(pairs(dump), ElementsAre("alpha=UTC alpha beta"));
+    EXPECT_THAT(parseFile("UTC\n", Format::TIMEZONE).problems, SizeIs(1));
 }
 
 TEST(Format, Passwd) {
