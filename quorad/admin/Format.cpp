@@ -21,20 +21,22 @@ struct NamedFormat {
     std::string_view name;
     Format format;
 };
-constexpr std::array<NamedFormat, 7> FORMATS{{{"keyed", Format::KEYED},
+constexpr std::array<NamedFormat, 8> FORMATS{{{"keyed", Format::KEYED},
                                               {"hosts", Format::HOSTS},
                                               {"services", Format::SERVICES},
                                               {"numbered", Format::NUMBERED},
                                               {"ethers", Format::ETHERS},
+                                              {"timezone", Format::TIMEZONE},
                                               {"passwd", Format::PASSWD},
                                               {"aliases", Format::ALIASES}}};
-constexpr std::array<NamedFormat, 14> MAPS{{{"hosts", Format::HOSTS},
+constexpr std::array<NamedFormat, 15> MAPS{{{"hosts", Format::HOSTS},
                                             {"ipnodes", Format::HOSTS},
                                             {"services", Format::SERVICES},
                                             {"protocols", Format::NUMBERED},
                                             {"rpc", Format::NUMBERED},
                                             {"networks", Format::NUMBERED},
                                             {"ethers", Format::ETHERS},
+                                            {"timezone", Format::TIMEZONE},
                                             {"passwd", Format::PASSWD},
                                             {"shadow", Format::PASSWD},
                                             {"group", Format::PASSWD},
@@ -90,6 +92,8 @@ std::optional<std::string> keyOf(Format format, const Fields& fields) {
         return isNumber(fields[1]) ? std::optional(std::string(fields[0])) : std::nullopt;
     case Format::ETHERS:
         return isEthernet(fields[0]) ? std::optional(std::string(fields[1])) : std::nullopt;
+    case Format::TIMEZONE:
+        return std::string(fields[1]);
     default:
         return std::nullopt;
     }
@@ -97,7 +101,8 @@ std::optional<std::string> keyOf(Format format, const Fields& fields) {
 
 // Whether clients find the record under the key.
 bool leadsTo(Format format, std::string_view key, const Fields& fields) {
-    if (std::find(fields.begin(), fields.end(), key) != fields.end()) {
+    const auto first = fields.begin() + (format == Format::TIMEZONE ? 1 : 0);
+    if (std::find(first, fields.end(), key) != fields.end()) {
         return true;
     }
     if (format != Format::SERVICES) {
@@ -278,6 +283,8 @@ private:
             return "name port/protocol [alias...]";
         case Format::ETHERS:
             return "ethernet-address name";
+        case Format::TIMEZONE:
+            return "time-zone name...";
         default:
             return "name number [alias...]";
         }
@@ -320,7 +327,7 @@ std::string formatNames() {
 
 bool foundByValue(Format format) {
     return format == Format::HOSTS || format == Format::SERVICES || format == Format::NUMBERED ||
-           format == Format::ETHERS;
+           format == Format::ETHERS || format == Format::TIMEZONE;
 }
 
 ParsedFile parseFile(std::string_view text, Format format) {

@@ -14,6 +14,7 @@ enum class Format {
     SERVICES, ///< "name port/protocol alias...", as /etc/services
     NUMBERED, ///< "name number alias...", as /etc/protocols, /etc/rpc, /etc/networks
     ETHERS,   ///< "address name", as /etc/ethers
+    TIMEZONE, ///< "time-zone name...", as /etc/timezone of NIS servers
     PASSWD,   ///< "key:...": the whole line is the value, as /etc/passwd
     ALIASES,  ///< "name: address...", as /etc/aliases
 };

@@ -279,6 +279,49 @@ class Import(AdminTest):
 
 
 class Migration(AdminTest):
+    SAMPLE = os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir, os.pardir, "config",
+                          "sample", "directory.ldif")
+    OLD_DOMAIN = "lab.example.com"
+    # Where one map of the directory is served in several forms: the one that is taken over.
+    SOURCES = {"hosts": "hosts.byname", "services": "services.byservicename",
+               "networks": "networks.byname", "protocols": "protocols.byname", "rpc": "rpc.byname",
+               "ethers": "ethers.byaddr", "netmasks": "netmasks.byaddr",
+               "timezone": "timezone.byname", "publickey": "publickey.byname",
+               "aliases": "mail.aliases"}
+
+    def dump_all(self, domain):
+        """{map: lines of ypcat -k} of everything but users and groups"""
+        with self.client(domain=domain) as client:
+            names = client.maplist()[1]
+        return {name: sorted(lines_of(run("ypcat", "-h", "127.0.0.1", "-d", domain, "-k", name)))
+                for name in names if not name.startswith(("passwd", "group"))}
+
+    def test_whole_server(self):
+        """All maps of the sample go from a server into the domain, and are served as before."""
+        self.write_config(quorad_directory="ldif:" + self.SAMPLE,
+                          quorad_zone="CN=lab,CN=harbour,CN=Zones,DC=example,DC=com")
+        self.start_quorad()
+        self.start_orrisd()
+        self.wait_served(self.OLD_DOMAIN)
+        before = self.dump_all(self.OLD_DOMAIN)
+        self.assertGreater(len(before), 12)
+        self.orrisd.stop()
+        self.quorad.stop()
+        self.write_config(quorad_directory="ldap:", quorad_zone=self.ZONE)
+        served = set(self.SOURCES.values())
+        derived = {name for name in before for source in self.SOURCES
+                   if name not in served and name.startswith(source + ".")}
+        derived |= {"mail.byaddr", "netgroup.byhost", "netgroup.byuser"}
+        taken = {**{name: name for name in before if name not in served | derived},
+                 **{name: source for name, source in self.SOURCES.items() if source in before}}
+        for name, source in taken.items():
+            path = self.file("".join(line + "\n" for line in before[source]))
+            self.admin("import", name, path)
+        self.start_quorad()
+        self.start_orrisd()
+        self.wait_served()
+        self.assertEqual(self.dump_all(nistest.DOMAIN), before)
+
     def test_from_another_server(self):
         """`ypcat -k` from the old server goes into the tool; the new one serves the same."""
         old = {
