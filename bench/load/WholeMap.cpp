@@ -3,6 +3,7 @@
 #include "load/Works.h"
 
 #include <atomic>
+#include <stdexcept>
 #include <thread>
 #include <unordered_map>
 
@@ -50,7 +51,7 @@ template <typename Transfer> Report inStreams(const Options& options, Transfer t
             std::string buffer;
             do {
                 std::uint64_t received = 0;
-                if (!transfer(buffer, received, answers == 0)) {
+                if (!transfer(buffer, received)) {
                     ++wrong;
                 }
                 bytes += received;
@@ -71,36 +72,35 @@ template <typename Transfer> Report inStreams(const Options& options, Transfer t
 } // namespace
 
 Report wholeMap(const Options& options) {
-    const Pairs pairs = readPairs(options.pairs);
-    const Expected expected(pairs.begin(), pairs.end());
     const std::string call =
         asRecord(encodeCall(1, ALL, options.domain, options.map, std::nullopt));
-    // Comparing costs the client more than receiving: one answer is compared in full, those after
-    // it by their size.
-    std::atomic<std::size_t> rightSize{0};
-    Report report = inStreams(options, [&](std::string& buffer, std::uint64_t& received, bool) {
+    const auto fetch = [&](std::string& buffer) {
         const Socket socket = connectTcp(options.port);
-        const auto answer =
-            sendAll(socket.get(), call) ? receiveRecord(socket.get(), buffer) : std::nullopt;
-        if (!answer) {
-            return false;
+        return sendAll(socket.get(), call) ? receiveRecord(socket.get(), buffer) : std::nullopt;
+    };
+    // Comparing costs more than receiving: one answer is compared in full before the clock starts,
+    // those after it by their size.
+    std::size_t rightSize = 0;
+    {
+        const Pairs pairs = readPairs(options.pairs);
+        const Expected expected(pairs.begin(), pairs.end());
+        std::string buffer;
+        const auto answer = fetch(buffer);
+        if (!answer || !rightMap(*answer, expected)) {
+            throw std::runtime_error("the whole map is not what it should be");
         }
-        received = answer->size();
-        if (rightSize == received) {
-            return true;
-        }
-        if (!rightMap(*answer, expected)) {
-            return false;
-        }
-        rightSize = received;
-        return true;
+        rightSize = answer->size();
+    }
+    Report report = inStreams(options, [&](std::string& buffer, std::uint64_t& received) {
+        received = fetch(buffer).value_or("").size();
+        return received == rightSize;
     });
     report.work = "all";
     return report;
 }
 
 Report plainStream(const Options& options) {
-    Report report = inStreams(options, [&](std::string& buffer, std::uint64_t& received, bool) {
+    Report report = inStreams(options, [&](std::string& buffer, std::uint64_t& received) {
         const Socket socket = connectTcp(options.port);
         buffer.resize(65536);
         ssize_t got = 0;

@@ -115,7 +115,7 @@ DBItem DBStore::fetch(const DBThing& key) const {
         return item;
     }
     const Lock lock(mutex());
-    return m_impl->fetch(key.view());
+    return m_impl->fetch(key.view(), mutex().depth() == 1);
 }
 
 void DBStore::remove(const DBThing& key) {
@@ -139,7 +139,8 @@ DBStore::Record DBStore::seek(const DBThing& key, bool inclusive) const {
         return record;
     }
     const Lock lock(mutex());
-    return inclusive ? m_impl->seek(key.view(), true) : m_impl->seekAhead(key.view());
+    return inclusive ? m_impl->seek(key.view(), true)
+                     : m_impl->seekAhead(key.view(), mutex().depth() == 1);
 }
 
 std::unique_ptr<DBIterator> DBStore::getIterator() const {

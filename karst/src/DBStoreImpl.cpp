@@ -159,7 +159,7 @@ void DBStore::Impl::configure() {
     execute("PRAGMA trusted_schema=OFF", opening);
     execute("PRAGMA secure_delete=OFF", opening);
     execute("PRAGMA auto_vacuum=NONE", opening);
-    execute("PRAGMA cache_size=-2048", opening); // KiB; larger transactions spill to the file
+    setPageCache(PAGE_CACHE); // larger transactions spill to the file
     if (single("PRAGMA journal_mode=TRUNCATE", opening) != "truncate") {
         failText("cannot open: the journal mode cannot be set");
     }
@@ -290,6 +290,12 @@ void DBStore::Impl::setSynchronous(DBSync sync) {
         execute(toDisk ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=OFF", "begin");
         m_toDisk = toDisk;
     }
+}
+
+/// A wish: where it fails, the operations that follow will say what is wrong with the file.
+void DBStore::Impl::setPageCache(int kibibytes) {
+    const std::string sql = "PRAGMA cache_size=-" + std::to_string(kibibytes);
+    sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, nullptr);
 }
 
 void DBStore::Impl::requireOpen() const {

@@ -47,12 +47,14 @@ public:
     bool recall(std::string_view key, DBItem& value) const;
     bool recallNext(std::string_view key, Record& record) const;
 
-    DBItem fetch(std::string_view key);
+    /// @param alone the mutex is held for this one operation, not for a step of several: what is
+    /// seen in the middle of a step must not be remembered for others
+    DBItem fetch(std::string_view key, bool alone);
     DBItem firstKey();
     DBItem keyAfter(std::string_view key);
     Record seek(std::string_view key, bool inclusive);
     /// The record behind the key; remembers some that follow it.
-    Record seekAhead(std::string_view key);
+    Record seekAhead(std::string_view key, bool alone);
     std::vector<Record> readAhead(std::string_view key, bool inclusive, std::size_t most);
     void verify();
 
@@ -68,6 +70,10 @@ private:
     class Query;
     enum StatementId : std::size_t;
     static constexpr std::size_t STATEMENTS = 14;
+    /// KiB of pages that a store keeps: look-ups mostly end at the records read lately; the records
+    /// of a batch come in no order, and each would touch pages that others have pushed out.
+    static constexpr int PAGE_CACHE = 1024;
+    static constexpr int BATCH_CACHE = 8 * 1024;
     struct Digest {
         std::uint64_t records = 0;
         std::uint64_t checksum = 0;
@@ -82,6 +88,8 @@ private:
     void execute(const char* sql, const char* doing);
     std::string single(const char* sql, const char* doing);
     void setSynchronous(DBSync sync);
+    void setPageCache(int kibibytes);
+    void releasePages();
 
     void begin(DBSync sync);
     void commit();
@@ -91,8 +99,11 @@ private:
     template <typename Change> void change(const Change& apply);
     void loadDigest();
     void applyPut(std::string_view key, std::string_view value, bool replace);
+    bool insertNew(std::string_view key);
+    void applyReplace(std::string_view key, std::uint64_t checksum, bool replace);
     void applyRemove(std::string_view key);
 
+    bool mayRemember(bool alone) const { return alone && m_depth == 0; }
     void forget(std::string_view key);
     void forgetAll(bool isOpen);
 
@@ -107,6 +118,7 @@ private:
     std::array<sqlite3_stmt*, STATEMENTS> m_statements{};
     std::string m_scratch; ///< checksum and value of the record being written
 
+    bool m_expectNew = true;  ///< whether the last put met no record of its key
     bool m_toDisk = false;    ///< present setting of "synchronous"
     bool m_unflushed = false; ///< written since open() without forcing to disk
     int m_depth = 0;          ///< batches that are open, one in the other

@@ -18,7 +18,7 @@ constexpr std::array<const char*, 14> SQL = {
     "SELECT key FROM record WHERE key>?1 ORDER BY key LIMIT 1",
     "SELECT key, value FROM record WHERE key>?1 ORDER BY key",
     "SELECT key, value FROM record WHERE key>=?1 ORDER BY key",
-    "INSERT INTO record VALUES(?1, ?2)",
+    "INSERT OR IGNORE INTO record VALUES(?1, ?2)",
     "UPDATE record SET value=?2 WHERE key=?1",
     "DELETE FROM record WHERE key=?1",
     "BEGIN IMMEDIATE",
@@ -117,17 +117,17 @@ void DBStore::Impl::forgetAll(bool isOpen) {
     m_walkOwner = isOpen ? RecordCache::newOwner() : RecordCache::NOBODY;
 }
 
-DBItem DBStore::Impl::fetch(std::string_view key) {
+DBItem DBStore::Impl::fetch(std::string_view key, bool alone) {
     requireOpen();
     Query query(*this, FETCH, "fetch");
     if (!query.bind(1, key).row()) {
-        if (m_depth == 0) {
+        if (mayRemember(alone)) {
             RecordCache::instance().insertAbsent(m_recordOwner, key);
         }
         return {};
     }
     const std::string_view value = checkedValue(key, query.bytes(0));
-    if (m_depth == 0) {
+    if (mayRemember(alone)) {
         RecordCache::instance().insert(m_recordOwner, key, {}, value);
     }
     return {value.data(), value.size()};
@@ -166,8 +166,8 @@ DBStore::Record DBStore::Impl::seek(std::string_view key, bool inclusive) {
     return record;
 }
 
-DBStore::Record DBStore::Impl::seekAhead(std::string_view key) {
-    if (m_depth > 0) {
+DBStore::Record DBStore::Impl::seekAhead(std::string_view key, bool alone) {
+    if (!mayRemember(alone)) {
         return seek(key, false);
     }
     std::vector<Record> records = readAhead(key, false, WALK_AHEAD_RECORDS);
@@ -214,30 +214,50 @@ void DBStore::Impl::remove(std::string_view key) {
 
 void DBStore::Impl::applyPut(std::string_view key, std::string_view value, bool replace) {
     const std::uint64_t checksum = recordChecksum(key, value);
+    m_scratch.resize(CHECKSUM_SIZE);
+    std::memcpy(m_scratch.data(), &checksum, CHECKSUM_SIZE);
+    m_scratch += value;
+    // A pass either fills a map or goes over what is there; the other way costs a second search.
+    if (m_expectNew && insertNew(key)) {
+        m_digest.checksum += checksum;
+        m_digest.records += 1;
+    } else {
+        applyReplace(key, checksum, replace);
+    }
+    if (m_scratch.capacity() > READ_AHEAD_BYTES) {
+        std::string().swap(m_scratch);
+    }
+}
+
+/// Inserts the record in m_scratch. @return false when the key is there already
+bool DBStore::Impl::insertNew(std::string_view key) {
+    Query query(*this, INSERT, "store");
+    query.bind(1, key).bind(2, m_scratch).row();
+    return sqlite3_changes(m_db) > 0;
+}
+
+/// Puts the record in m_scratch in the place of the one that is there, if there is one.
+void DBStore::Impl::applyReplace(std::string_view key, std::uint64_t checksum, bool replace) {
     std::uint64_t oldChecksum = 0;
-    bool present = false;
     {
         Query query(*this, FETCH, "store");
-        present = query.bind(1, key).row();
-        if (present) {
+        m_expectNew = !query.bind(1, key).row();
+        if (!m_expectNew) {
             const std::string_view stored = query.bytes(0);
             checkedValue(key, stored);
             oldChecksum = storedChecksum(stored);
         }
     }
-    if (present && !replace) {
+    if (m_expectNew) {
+        insertNew(key);
+    } else if (replace) {
+        Query query(*this, REPLACE, "store");
+        query.bind(1, key).bind(2, m_scratch).row();
+    } else {
         failText("store: the key exists");
     }
-    m_scratch.resize(CHECKSUM_SIZE);
-    std::memcpy(m_scratch.data(), &checksum, CHECKSUM_SIZE);
-    m_scratch += value;
-    Query query(*this, present ? REPLACE : INSERT, "store");
-    query.bind(1, key).bind(2, m_scratch).row();
     m_digest.checksum += checksum - oldChecksum;
-    m_digest.records += present ? 0 : 1;
-    if (m_scratch.capacity() > READ_AHEAD_BYTES) {
-        std::string().swap(m_scratch);
-    }
+    m_digest.records += m_expectNew ? 1 : 0;
 }
 
 void DBStore::Impl::applyRemove(std::string_view key) {
@@ -338,6 +358,7 @@ unsigned long DBStore::Impl::beginBatch(DBSync sync) {
     if (m_depth == 0) {
         begin(sync);
         m_lost = false;
+        setPageCache(BATCH_CACHE);
     }
     ++m_depth;
     return m_opening;
@@ -374,8 +395,16 @@ void DBStore::Impl::commitBatch() {
         if (!m_lost) {
             noteRollback();
         }
+        releasePages();
         throw;
     }
+    releasePages();
+}
+
+/// Every store has a page cache of its own: what a batch or a check brought in is let go.
+void DBStore::Impl::releasePages() {
+    setPageCache(PAGE_CACHE);
+    sqlite3_db_release_memory(m_db);
 }
 
 void DBStore::Impl::verify() {
@@ -402,6 +431,9 @@ void DBStore::Impl::verify() {
     if (digest != expected) {
         failText("damaged file: " + std::to_string(digest.records) + " records instead of " +
                  std::to_string(expected.records) + ", or not those last written");
+    }
+    if (m_depth == 0) {
+        releasePages();
     }
 }
 

@@ -283,7 +283,6 @@ MapEntry NisCache::get(const std::string& key, unsigned char layer) const {
 }
 
 MapEntry NisCache::getFirst(unsigned char layer) const {
-    const tessa::Lock lock(mutex());
     try {
         // Layer 0 has no block of its own: it is what lies around the blocks of the others.
         const std::string start = layer == 0 ? std::string() : MakeInternalKey({}, layer);
@@ -294,7 +293,6 @@ MapEntry NisCache::getFirst(unsigned char layer) const {
 }
 
 MapEntry NisCache::getNext(const std::string& key, unsigned char layer) const {
-    const tessa::Lock lock(mutex());
     try {
         return walk(m_store.seek(MakeInternalKey(key, layer), false), layer);
     } catch (const tessa::DBException& e) {

@@ -16,20 +16,36 @@ public:
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    void lock() KARST_ACQUIRE() { m_mutex.lock(); }
-    void unlock() KARST_RELEASE() { m_mutex.unlock(); }
-    bool try_lock() KARST_TRY_ACQUIRE(true) { return m_mutex.try_lock(); }
+    void lock() KARST_ACQUIRE() {
+        m_mutex.lock();
+        ++m_depth;
+    }
+    void unlock() KARST_RELEASE() {
+        --m_depth;
+        m_mutex.unlock();
+    }
+    bool try_lock() KARST_TRY_ACQUIRE(true) {
+        const bool locked = m_mutex.try_lock();
+        m_depth += locked ? 1 : 0;
+        return locked;
+    }
+    /// How many times the calling thread, which holds the mutex, has taken it.
+    int depth() const KARST_REQUIRES(this) { return m_depth; }
 
     /// Waits until notifyAll() or until the time has passed. The mutex must be held exactly once by
     /// the calling thread; it is given up while waiting and held again on return.
     /// @return false when the time passed without a notification. Wake-ups may be spurious.
     bool wait(std::chrono::milliseconds limit) KARST_REQUIRES(this) {
-        return m_condition.wait_for(m_mutex, limit) == std::cv_status::no_timeout;
+        m_depth = 0;
+        const auto status = m_condition.wait_for(m_mutex, limit);
+        m_depth = 1;
+        return status == std::cv_status::no_timeout;
     }
     void notifyAll() { m_condition.notify_all(); }
 
 private:
     std::recursive_mutex m_mutex;
+    int m_depth = 0; ///< guarded by the mutex itself
     std::condition_variable_any m_condition;
 };
 

@@ -94,4 +94,19 @@ TEST(MutexTest, guardsACounter) {
     EXPECT_EQ(count, 4000);
 }
 
+TEST(MutexTest, KnowsHowOftenItsHolderHasTakenIt) {
+    Mutex mutex;
+    const Lock once(mutex);
+    EXPECT_EQ(mutex.depth(), 1);
+    {
+        const Lock twice(mutex);
+        EXPECT_EQ(mutex.depth(), 2);
+    }
+    static_cast<void>(mutex.wait(std::chrono::milliseconds(1)));
+    EXPECT_EQ(mutex.depth(), 1) << "held again after a wait";
+    ASSERT_TRUE(mutex.try_lock());
+    EXPECT_EQ(mutex.depth(), 2);
+    mutex.unlock();
+}
+
 } // namespace

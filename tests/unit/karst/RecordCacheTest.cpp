@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -137,6 +138,33 @@ TEST_F(CachedStoreTest, BatchThatIsGivenUpTakesBackWhatReadersSaw) {
     EXPECT_EQ(get("a"), "old");
     EXPECT_EQ(get("b"), "(absent)");
     EXPECT_EQ(walk(), "a=old ");
+}
+
+TEST_F(CachedStoreTest, StepOfSeveralOperationsIsSeenAsOne) {
+    m_store.store(std::string("a"), std::string("1"), false);
+    std::atomic<bool> inStep{false};
+    std::atomic<bool> asked{false};
+    std::thread reader;
+    {
+        const Lock step(m_store.mutex());
+        m_store.remove(std::string("a"));
+        EXPECT_EQ(get("a"), "(absent)");
+        EXPECT_EQ(walk(), "");
+        reader = std::thread([&] {
+            asked = true;
+            EXPECT_EQ(get("a"), "2");
+            EXPECT_EQ(walk(), "a=2 ");
+            EXPECT_FALSE(inStep);
+        });
+        inStep = true;
+        while (!asked) {
+            std::this_thread::yield();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // time to go wrong in
+        m_store.store(std::string("a"), std::string("2"), false);
+        inStep = false;
+    }
+    reader.join();
 }
 
 TEST_F(CachedStoreTest, ClosedStoreAnswersNothing) {

@@ -117,7 +117,7 @@ TEST_F(DiskFullTest, WritesAfterALossFailUntilTheBatchEnds) {
     int written = 0;
     {
         DBStore::Batch batch(store);
-        for (int i = 0; i < 4000; ++i) { // more than the cache, so it spills to the file
+        for (int i = 0; i < 12000; ++i) { // more than the cache, so it spills to the file
             try {
                 store.store(key(i), std::string(1000, 'x'), true);
                 ++written;
@@ -179,7 +179,7 @@ TEST_F(DiskFullTest, LossWithinAPassIsToldAtItsEnd) {
     const std::string log = logOf([&] {
         const NisCache::Batch batch(*cache);
         int failed = 0;
-        for (int i = 0; i < 4000; ++i) {
+        for (int i = 0; i < 12000; ++i) {
             failed += refusal<BadCacheFile>([&] {
                           cache->put(key(i), std::string(1000, 'x'), 0);
                       }).empty()
