@@ -41,7 +41,8 @@ class InstallLayout(unittest.TestCase):
         libraries = [path for path in files if "/libkarst.so." in path]
         self.assertTrue(libraries, files)
         known = ("/usr/sbin/", "/usr/share/velmorix/sbin/", "/usr/share/man/",
-                 "/usr/share/doc/orrisd/", "/usr/lib/", "/etc/velmorix/")
+                 "/usr/share/doc/orrisd/", "/usr/share/bash-completion/", "/usr/lib/",
+                 "/etc/velmorix/")
         self.assertEqual([path for path in files if not path.startswith(known)], [])
         for path in ("/usr/sbin/orrisd", "/usr/sbin/quorad", "/usr/sbin/quorad-admin",
                      "/usr/share/velmorix/sbin/orrisguard"):
