@@ -30,6 +30,15 @@ std::string plural(std::size_t count, const std::string& one, const std::string&
     return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 
+// "3, changed 1, removed 0, 7 unchanged"
+std::string counts(const Plan& plan, const std::string& changed, const std::string& removed,
+                   const std::string& last) {
+    return std::to_string(plan.additions.size()) + ", " + changed +
+           std::to_string(plan.changes.size()) + ", " + removed +
+           std::to_string(plan.removals.size()) + last + std::to_string(plan.unchanged) +
+           " unchanged";
+}
+
 std::string readAll(const std::string& path) {
     std::ostringstream text;
     if (path == "-") {
@@ -248,10 +257,7 @@ ExitStatus Commands::importMap() {
     }
     if (m_options.dryRun) {
         std::cout << describe(plan);
-        say("Would add " + std::to_string(plan.additions.size()) + ", change " +
-            std::to_string(plan.changes.size()) + ", remove " +
-            std::to_string(plan.removals.size()) + "; " + std::to_string(plan.unchanged) +
-            " unchanged");
+        say("Would add " + counts(plan, "change ", "remove ", "; "));
         return ExitStatus::SUCCESS;
     }
     if (!plan.removals.empty() &&
@@ -280,9 +286,7 @@ ExitStatus Commands::carryOut(const std::string& map, const Plan& plan, std::siz
             " changes; the same import does the rest");
         return ExitStatus::FAILURE;
     }
-    say("Added " + std::to_string(plan.additions.size()) + ", changed " +
-        std::to_string(plan.changes.size()) + ", removed " + std::to_string(plan.removals.size()) +
-        ", " + std::to_string(plan.unchanged) + " unchanged; '" + map + "' has " +
+    say("Added " + counts(plan, "changed ", "removed ", ", ") + "; '" + map + "' has " +
         plural(existing + plan.additions.size() - plan.removals.size(), "entry", "entries"));
     return ExitStatus::SUCCESS;
 }

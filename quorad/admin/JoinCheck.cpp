@@ -8,6 +8,7 @@
 #include <karst/LocalRpcSession.h>
 #include <karst/Text.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -30,6 +31,18 @@ namespace {
 constexpr long MAX_SKEW = 300;
 constexpr long NOTABLE_SKEW = 30;
 
+// "one, two, three"
+std::string joined(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) {
+        if (!text.empty()) {
+            text += ", ";
+        }
+        text += word;
+    }
+    return text;
+}
+
 // Addresses of a host; empty when it has none, with the reason in `why`.
 std::string addressesOf(const std::string& host, std::string& why) {
     addrinfo hints{};
@@ -40,15 +53,15 @@ std::string addressesOf(const std::string& host, std::string& why) {
         return "";
     }
     const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, &::freeaddrinfo);
-    std::string addresses;
+    std::vector<std::string> addresses;
     for (const addrinfo* one = found; one != nullptr; one = one->ai_next) {
         std::array<char, NI_MAXHOST> text{};
         if (::getnameinfo(one->ai_addr, one->ai_addrlen, text.data(), text.size(), nullptr, 0,
                           NI_NUMERICHOST) == 0) {
-            addresses += (addresses.empty() ? "" : ", ") + std::string(text.data());
+            addresses.emplace_back(text.data());
         }
     }
-    return addresses;
+    return joined(addresses);
 }
 
 // The clock of a controller, which tells it to anybody; 0 with the reason in `why` when it does
@@ -144,12 +157,13 @@ bool JoinCheck::checkDns() {
             "quorad.directory");
         return false;
     }
-    std::string names;
+    std::vector<std::string> names;
+    names.reserve(m_candidates.size());
     for (const ldap::Candidate& candidate : m_candidates) {
-        names += (names.empty() ? "" : ", ") + candidate.endpoint.host;
+        names.push_back(candidate.endpoint.host);
     }
     add(Verdict::OK, "controllers",
-        names + (m_settings.servers.empty() ? " (found through DNS)" : " (configured)"));
+        joined(names) + (m_settings.servers.empty() ? " (found through DNS)" : " (configured)"));
     return true;
 }
 
@@ -197,16 +211,12 @@ void JoinCheck::checkClocks() {
 
 Finding JoinCheck::judgeKeytab(const std::string& keytab, const std::string& principal,
                                const std::vector<std::string>& principals) {
-    std::string names;
-    for (const std::string& one : principals) {
-        if (one == principal) {
-            return {Verdict::OK, "keytab", keytab + " has keys of " + principal, ""};
-        }
-        names += (names.empty() ? "" : ", ") + one;
+    if (std::find(principals.begin(), principals.end(), principal) != principals.end()) {
+        return {Verdict::OK, "keytab", keytab + " has keys of " + principal, ""};
     }
     return {Verdict::FAILED, "keytab",
             keytab + " has no key of " + principal + ", but of " +
-                (names.empty() ? "nobody" : names),
+                (principals.empty() ? "nobody" : joined(principals)),
             "join the machine under this name, or set quorad.ldap.principal or quorad.hostname"};
 }
 
@@ -276,11 +286,14 @@ void JoinCheck::checkZone(ldap::Connection& connection) {
             connection.search(container, "(objectClass=container)", {"cn"}, ldap::SearchOptions());
         while (search->nextPage(maps)) {
         }
-        std::string names;
+        std::vector<std::string> names;
+        names.reserve(maps.size());
         for (const tessa::ADObject& map : maps) {
-            names += (names.empty() ? ": " : ", ") + map["cn"].asString();
+            names.push_back(map["cn"]);
         }
-        add(Verdict::OK, "maps", std::to_string(maps.size()) + " in the zone" + names);
+        add(Verdict::OK, "maps",
+            std::to_string(maps.size()) + " in the zone" + (maps.empty() ? "" : ": ") +
+                joined(names));
     } catch (const tessa::NotFoundException&) {
         add(Verdict::WARNING, "maps", container + " is not there: users and groups only are served",
             "quorad-admin zone create '" + m_zone + "'");

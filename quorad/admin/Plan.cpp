@@ -38,6 +38,7 @@ std::string excerpt(std::string_view text) {
 void nameAdditions(Plan& plan, const std::vector<Entry>& existing) {
     EntryNames names;
     std::vector<std::string> keys;
+    keys.reserve(plan.additions.size());
     for (const Entry& entry : existing) {
         names.reserve(entry.name);
     }
@@ -69,6 +70,7 @@ std::string unstorable(const std::string& what, const std::string& text) {
 
 Plan makePlan(const std::vector<Record>& wanted, const std::vector<Entry>& existing, bool byValue) {
     std::vector<const Entry*> entries;
+    entries.reserve(existing.size());
     for (const Entry& entry : existing) {
         entries.push_back(&entry);
     }

@@ -200,11 +200,8 @@ class Import(AdminTest):
 
     def test_odd_keys(self):
         keys = ["Case", "CASE", "case", "k" * 64, "k" * 65, "k" * 1000, "K" * 1000, "22/tcp", "a,b",
-                "a+b", "#x", "<>", "Jürgen", "\"quoted\"", "x=y", "*", "(h,u,d)", "a\\b", ";"]
-        path = self.file("".join("%s v%d\n" % pair[::-1] for pair in enumerate(keys))
-                         .replace("#x", " #x"))
-        # A line that begins with "#" is a comment, so that key can only come from elsewhere.
-        keys.remove("#x")
+                "a+b", "<>", "Jürgen", "\"quoted\"", "x=y", "*", "(h,u,d)", "a\\b", ";"]
+        path = self.file("".join("%s v%d\n" % pair[::-1] for pair in enumerate(keys)))
         self.admin("import", "plain", path)
         self.assertEqual([key for key, _ in self.held("plain")], sorted(keys))
         names = self.names("plain")

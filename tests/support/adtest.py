@@ -55,14 +55,15 @@ class AdTest(nistest.NisTest):
         self.wait_served()
 
     def bind_client(self, domain=nistest.DOMAIN, switch="files nis"):
-        """As a NIS client of itself this host still finds its controllers through DNS."""
+        """As a NIS client of itself this host still finds its controllers through DNS, and does not
+        ask itself for them when DNS is silent."""
         super().bind_client(domain, switch)
         self.lab.write_client_files()
         with open("/etc/nsswitch.conf", "w") as file:
             for database in ("passwd", "group", "networks", "protocols", "services", "ethers", "rpc",
                              "netgroup", "aliases"):
                 file.write("%s: %s\n" % (database, switch))
-            file.write("hosts: files dns nis\n")
+            file.write("hosts: files dns\n")
 
     def print_logs(self):
         super().print_logs()
