@@ -69,8 +69,8 @@ private:
     static bool_t receive(SVCXPRT*, rpc_msg*) { return FALSE; }
     static xprt_stat status(SVCXPRT*) { return XPRT_IDLE; }
     static void destroy(SVCXPRT*) {}
-    static constexpr SVCXPRT::xp_ops OPERATIONS = {receive, status,        getArguments,
-                                                   reply,   freeArguments, destroy};
+    static constexpr struct SVCXPRT::xp_ops OPERATIONS = {receive, status,        getArguments,
+                                                          reply,   freeArguments, destroy};
 
     std::string m_arguments;
     std::array<char, 8800> m_reply{};
