@@ -25,9 +25,11 @@ public:
         m_mutex.unlock();
     }
     bool try_lock() KARST_TRY_ACQUIRE(true) {
-        const bool locked = m_mutex.try_lock();
-        m_depth += locked ? 1 : 0;
-        return locked;
+        if (!m_mutex.try_lock()) {
+            return false;
+        }
+        ++m_depth;
+        return true;
     }
     /// How many times the calling thread, which holds the mutex, has taken it.
     int depth() const KARST_REQUIRES(this) { return m_depth; }
