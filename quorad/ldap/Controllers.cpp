@@ -183,7 +183,7 @@ Epoch Controllers::checkEpoch(Connection& connection) {
 RootObject Controllers::readRoot(Lease& lease) {
     const std::string server = lease->server();
     const std::int64_t before = m_store.lastUsn(server);
-    const RootObject root = lease->readRoot();
+    RootObject root = lease->readRoot();
     if (root.server != server || root.usn < before) {
         lease.discard();
         TESSA_THROW(ConnectionLost,

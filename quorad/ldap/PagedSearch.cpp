@@ -55,6 +55,7 @@ int PagedSearch::start() {
                                          m_options.showDeleted ? &deleted : nullptr, nullptr};
     std::vector<std::string> names = m_attributes;
     std::vector<char*> pointers;
+    pointers.reserve(names.size() + 1);
     for (std::string& name : names) {
         pointers.push_back(name.data());
     }

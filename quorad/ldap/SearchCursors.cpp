@@ -181,6 +181,7 @@ void EntryCursor::moves() {
     std::vector<tessa::ADObject> page;
     const bool more = m_query.nextPage(page);
     std::vector<Store::Place> places;
+    places.reserve(page.size());
     for (const tessa::ADObject& object : page) {
         places.push_back({object.guid(), tessa::DN::parent(object["_dn"].asString())});
     }
