@@ -6,7 +6,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <thread>
 
@@ -61,7 +60,10 @@ Process processOf(pid_t pid) {
     constexpr int START_TIME = 19;
     Process process{pid, 0};
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    // The name may hold any character, line ends too. The process may end at any moment: reading
+    // fails then, which a stream reports by its state but a bare stream buffer by an exception.
+    std::string text;
+    std::getline(file, text, '\0');
     const std::size_t behind = text.rfind(')');
     if (behind == std::string::npos) {
         return process;

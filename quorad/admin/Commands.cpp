@@ -14,7 +14,6 @@
 #include <cstdio>
 #include <fstream>
 #include <iostream>
-#include <sstream>
 
 #include <unistd.h>
 
@@ -39,18 +38,24 @@ std::string counts(const Plan& plan, const std::string& changed, const std::stri
            " unchanged";
 }
 
+/// The whole of a file, or of standard input ("-"). A file that breaks off is an error: what is
+/// missing from its end would be taken for entries to remove.
 std::string readAll(const std::string& path) {
-    std::ostringstream text;
-    if (path == "-") {
-        text << std::cin.rdbuf();
-        return text.str();
+    std::ifstream file;
+    if (path != "-") {
+        file.open(path, std::ios::binary);
     }
-    std::ifstream file(path, std::ios::binary);
-    if (!file || (file.peek() == std::ifstream::traits_type::eof() && !file.eof())) {
-        TESSA_THROW(tessa::IOException, path + ": " + tessa::errorText(errno));
+    std::istream& in = path == "-" ? std::cin : file;
+    std::string text;
+    std::array<char, 65536> block{};
+    while (in.read(block.data(), block.size()) || in.gcount() > 0) {
+        text.append(block.data(), static_cast<std::size_t>(in.gcount()));
     }
-    text << file.rdbuf();
-    return text.str();
+    if (!in.eof()) {
+        TESSA_THROW(tessa::IOException,
+                    (path == "-" ? "standard input" : path) + ": " + tessa::errorText(errno));
+    }
+    return text;
 }
 
 bool madeFromAccounts(const std::string& map) {

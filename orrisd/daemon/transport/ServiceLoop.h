@@ -48,6 +48,7 @@ public:
 
     std::size_t connections() const;
     std::size_t spareThreads() const { return m_spares.count(); }
+    std::size_t stalledReplies() const { return m_spares.stalled(); }
 
     // For the transports.
     Poller& poller() { return m_poller; }

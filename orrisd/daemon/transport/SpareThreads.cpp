@@ -38,6 +38,11 @@ std::size_t SpareThreads::count() const {
     return m_threads.size();
 }
 
+std::size_t SpareThreads::stalled() const {
+    tessa::Lock lock(m_mutex);
+    return m_stalled.size();
+}
+
 bool SpareThreads::startSpare() {
     if (m_threads.size() >= m_limit) {
         return false;

@@ -72,7 +72,8 @@ public:
     /// Waits for the spare threads to end.
     void join();
 
-    std::size_t count() const; ///< spare threads made so far
+    std::size_t count() const;   ///< spare threads made so far
+    std::size_t stalled() const; ///< replies that stand still at this moment
 
 private:
     struct Parked {

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include <netinet/in.h>
 #include <sys/stat.h>
@@ -80,6 +81,22 @@ TEST_F(SystemTest, processesAreKnownByTheirStart) {
     ::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT);
     EXPECT_FALSE(processOf(child).exists()) << "only its remains";
     ::waitpid(child, nullptr, 0);
+}
+
+TEST_F(SystemTest, aProcessMayEndWhileItIsLookedAt) {
+    for (int i = 0; i < 300; ++i) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            _exit(0);
+        }
+        std::thread reaper([child] { ::waitpid(child, nullptr, 0); });
+        Process process = processOf(child);
+        while (process.exists()) {
+            process = processOf(child);
+        }
+        reaper.join();
+        EXPECT_FALSE(processOf(child).exists());
+    }
 }
 
 TEST_F(SystemTest, waitsForTheEndOfAProcess) {
