@@ -65,7 +65,9 @@ void ServiceLoop::serveEvents() {
     Worker worker;
     while (!stopping()) {
         m_spares.parkIfSurplus([&worker] { worker.release(); });
+        m_watching.fetch_add(1, std::memory_order_relaxed);
         EventSource* ready = m_poller.wait();
+        m_watching.fetch_sub(1, std::memory_order_relaxed);
         if (ready != nullptr && !stopping()) {
             ready->onReady(worker);
         }

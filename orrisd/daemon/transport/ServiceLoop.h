@@ -55,6 +55,9 @@ public:
     SpareThreads& spares() { return m_spares; }
     const RpcProgram& program() const { return m_program; }
     const TransportLimits& limits() const { return m_limits; }
+    /// Whether a thread waits for events at this moment, so that another one may stay away from
+    /// them for a little.
+    bool isWatched() const { return m_watching.load(std::memory_order_relaxed) > 0; }
     bool stopping() const { return m_stopping.load(std::memory_order_acquire); }
 
 private:
@@ -66,6 +69,7 @@ private:
     const RpcProgram m_program;
     const TransportLimits m_limits;
     std::atomic<bool> m_stopping{false};
+    std::atomic<int> m_watching{0}; ///< threads that wait for events
     Poller m_poller;
     std::unique_ptr<StopSignal> m_stopSignal;
     std::unique_ptr<UdpTransport> m_udp;

@@ -2,6 +2,7 @@
 
 #include "common/Globals.h"
 #include "daemon/transport/CallTransport.h"
+#include "daemon/transport/Reception.h"
 #include "daemon/transport/ServiceLoop.h"
 #include "daemon/transport/TcpTransport.h"
 #include "daemon/transport/Worker.h"
@@ -36,6 +37,7 @@ private:
         RecordWriter writer(m_worker.streamOut(), m_connection);
         if (xdr_replymsg(writer.xdr(), &reply) == TRUE) {
             committed = true;
+            m_connection.beforeReply();
             m_broken = !writer.finish();
             return !m_broken;
         }
@@ -67,11 +69,23 @@ void TcpConnection::abort() {
     shutDown();
 }
 
+void TcpConnection::greet(Worker& worker, Reception& reception) {
+    {
+        tessa::Lock lock(m_serving);
+        m_reception = &reception;
+        const Turn turn = serveNew(worker);
+        m_reception = nullptr;
+        if (turn == Turn::Rearm && endTurn(true)) {
+            return;
+        }
+    }
+    m_transport.close(*this);
+}
+
 void TcpConnection::onReady(Worker& worker) {
     {
         tessa::Lock lock(m_serving);
-        if (serveInput(worker) == Turn::Rearm) {
-            endTurn();
+        if (serveInput(worker) == Turn::Rearm && endTurn(false)) {
             return;
         }
     }
@@ -80,35 +94,59 @@ void TcpConnection::onReady(Worker& worker) {
 
 /// Once the descriptor is armed, another thread may wait for the mutex to serve this connection,
 /// and then destroy it: nothing but the release of the mutex may follow.
-void TcpConnection::endTurn() {
+/// @return false when it cannot be armed
+bool TcpConnection::endTurn(bool isNew) {
     const bool begun = m_reader.inRecord() && !m_halfRecord;
     m_halfRecord = m_reader.inRecord();
     if (m_served || begun) {
         m_transport.endTurn(*this, m_served, begun);
     }
     m_served = false;
-    m_transport.rearm(*this);
+    return m_transport.arm(*this, isNew);
 }
 
-TcpConnection::Turn TcpConnection::serveInput(Worker& worker) {
-    for (int reads = 0; reads < READS_A_TURN; ++reads) {
-        const std::span<char> buffer = worker.streamIn();
-        const ssize_t count = recv(m_socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
-        if (count < 0 && errno == EINTR) {
-            continue;
+TcpConnection::Turn TcpConnection::serveNew(Worker& worker) {
+    for (int reads = 0; reads < READS_A_TURN && m_reception->waitForInput(m_socket); ++reads) {
+        std::size_t size = 0;
+        const Input input = read(worker, size);
+        if (input == Input::NONE) {
+            break;
         }
-        if (count < 0) {
-            return errno == EAGAIN || errno == EWOULDBLOCK ? Turn::Rearm : Turn::Close;
-        }
-        const auto size = static_cast<std::size_t>(count);
-        if (size == 0 || !serveRecords(buffer.first(size), worker)) {
+        if (input == Input::ENDED || !serveRecords(worker.streamIn().first(size), worker)) {
             return Turn::Close;
-        }
-        if (size < buffer.size()) {
-            break; // the poller reports what has come in the meantime
         }
     }
     return Turn::Rearm;
+}
+
+TcpConnection::Turn TcpConnection::serveInput(Worker& worker) {
+    std::size_t size = worker.streamIn().size();
+    // The poller reports what comes after a read that did not fill the buffer.
+    for (int reads = 0; reads < READS_A_TURN && size == worker.streamIn().size(); ++reads) {
+        const Input input = read(worker, size);
+        if (input == Input::NONE) {
+            break;
+        }
+        if (input == Input::ENDED || !serveRecords(worker.streamIn().first(size), worker)) {
+            return Turn::Close;
+        }
+    }
+    return Turn::Rearm;
+}
+
+/// Reads what has come.
+/// @param size set to its bytes
+TcpConnection::Input TcpConnection::read(Worker& worker, std::size_t& size) {
+    const std::span<char> buffer = worker.streamIn();
+    ssize_t count = 0;
+    do {
+        count = recv(m_socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    } while (count < 0 && errno == EINTR);
+    size = count > 0 ? static_cast<std::size_t>(count) : 0;
+    if (count > 0) {
+        return Input::THERE;
+    }
+    return count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) ? Input::NONE : Input::ENDED;
 }
 
 bool TcpConnection::serveRecords(std::span<char> input, Worker& worker) {
@@ -135,13 +173,26 @@ bool TcpConnection::serveRecord(std::span<char> record, Worker& worker) {
         m_served = true;
     }
     m_halfRecord = false;
+    if (m_reception != nullptr) {
+        m_reception->handBack(); // other clients do not wait for this call
+    }
     StreamCall call(m_transport.loop().program(), *this, worker);
     const CallTransport::Outcome outcome = call.serve(record);
     m_absence.reset();
     return outcome != CallTransport::Outcome::Garbage && !call.broken();
 }
 
+/// The reply is ready. To wake another thread for what its client does next would be in vain.
+void TcpConnection::beforeReply() {
+    if (m_reception != nullptr && !m_absence) {
+        m_reception->takeAgain();
+    }
+}
+
 void TcpConnection::beAbsent() {
+    if (m_reception != nullptr) {
+        m_reception->handBack();
+    }
     if (!m_absence) {
         m_absence.emplace(m_transport.loop().spares());
     }

@@ -19,12 +19,13 @@
 
 namespace nis {
 
+class Reception;
 class TcpTransport;
 
 /// One client's TCP connection. Its descriptor is one-shot in the poller, so one thread at a time
 /// serves it: it reads what has come, answers each complete call in order and arms the descriptor
-/// again. No thread ever waits for input. A thread that sends a long reply, or waits for room for
-/// output, is absent from its place meanwhile.
+/// again. No thread waits for input, but for a moment on a connection that is new. A thread that
+/// sends a long reply, or waits for room for output, is absent from its place meanwhile.
 ///
 /// Owned by the transport. Only the thread that serves it lets it be destroyed; whoever else wants
 /// it to end shuts its socket down, which wakes a thread to do so.
@@ -39,9 +40,12 @@ public:
     TcpConnection(const TcpConnection&) = delete;
     TcpConnection& operator=(const TcpConnection&) = delete;
 
+    /// Serves a new connection, which the poller does not know yet, then hands it over to it.
+    void greet(Worker& worker, Reception& reception);
     void onReady(Worker& worker) override;
     bool sendAll(const char* data, std::size_t size) override;
     void longRecord() override;
+    void beforeReply();
     void abort() override;
 
     int socket() const { return m_socket; }
@@ -58,9 +62,12 @@ public:
 
 private:
     enum class Turn { Rearm, Close };
+    enum class Input { THERE, NONE, ENDED };
 
+    Turn serveNew(Worker& worker) KARST_REQUIRES(m_serving);
     Turn serveInput(Worker& worker) KARST_REQUIRES(m_serving);
-    void endTurn() KARST_REQUIRES(m_serving);
+    Input read(Worker& worker, std::size_t& size);
+    bool endTurn(bool isNew) KARST_REQUIRES(m_serving);
     bool serveRecords(std::span<char> input, Worker& worker) KARST_REQUIRES(m_serving);
     bool serveRecord(std::span<char> record, Worker& worker) KARST_REQUIRES(m_serving);
     void beAbsent();
@@ -72,6 +79,9 @@ private:
     std::atomic<bool> m_aborted{false};
     /// Of a thread that sends a long reply. Short calls must not wait until it is through.
     std::optional<SpareThreads::Absence> m_absence;
+
+    /// Of the thread that serves this as a new connection.
+    Reception* m_reception = nullptr;
 
     /// Held from wake-up until the descriptor is armed again. The poller already lets one thread in
     /// at a time; the mutex orders their memory accesses.

@@ -2,6 +2,7 @@
 
 #include "common/Globals.h"
 #include "daemon/transport/Poller.h"
+#include "daemon/transport/Reception.h"
 #include "daemon/transport/ServiceLoop.h"
 
 #include <karst/Exceptions.h>
@@ -20,7 +21,7 @@ namespace nis {
 namespace {
 
 constexpr std::uint32_t ONE_SHOT = EPOLLIN | EPOLLONESHOT;
-constexpr int ACCEPTS_A_TURN = 16;
+constexpr int CLIENTS_A_TURN = 64;
 /// Connections beyond the limit that may wait for a thread to take them down.
 constexpr std::size_t EVICTED_PENDING = 64;
 /// Room for the replies of a client that reads slowly. With much less, each such client keeps a
@@ -57,80 +58,74 @@ std::size_t TcpTransport::connections() const {
     return m_connections.size();
 }
 
-void TcpTransport::onReady(Worker&) {
-    for (int count = 0; count < ACCEPTS_A_TURN; ++count) {
-        const Accepted result = acceptOne();
-        if (result == Accepted::NoRoom) {
-            return; // a closing connection or the timer arms the listener again
+void TcpTransport::onReady(Worker& worker) {
+    Reception reception(m_loop, m_socket, *this, m_turns);
+    for (int count = 0; count < CLIENTS_A_TURN; ++count) {
+        if (!hasRoom()) {
+            reception.leaveClosed(); // a closing connection or the timer arms the listener again
+            return;
         }
-        if (result == Accepted::None) {
-            break;
+        TcpConnection* const connection = acceptOne();
+        if (connection != nullptr) {
+            connection->greet(worker, reception);
+        }
+        reception.takeAgain();
+        if (!reception.waitForClient()) {
+            return;
         }
     }
-    armListener();
 }
 
-TcpTransport::Accepted TcpTransport::acceptOne() {
-    {
-        tessa::Lock lock(m_mutex);
-        if (!m_accepting) {
-            return Accepted::NoRoom;
-        }
-        if (m_connections.size() >= m_loop.limits().connections + EVICTED_PENDING) {
-            m_paused = true;
-            m_timer.schedule(DeadlineTimer::Clock::now() + m_loop.limits().acceptRetry);
-            return Accepted::NoRoom;
-        }
+/// Otherwise accepting pauses until a connection closes, or for a while.
+bool TcpTransport::hasRoom() {
+    tessa::Lock lock(m_mutex);
+    if (!m_accepting) {
+        return false;
     }
+    if (m_paused || m_connections.size() >= m_loop.limits().connections + EVICTED_PENDING) {
+        m_paused = true;
+        m_timer.schedule(DeadlineTimer::Clock::now() + m_loop.limits().acceptRetry);
+    }
+    return !m_paused;
+}
+
+/// @return null when there is none
+TcpConnection* TcpTransport::acceptOne() {
     sockaddr_in peer{};
     socklen_t size = sizeof peer;
     const int socket =
         accept4(m_socket, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (socket >= 0) {
-        admit(socket, peer);
-        return Accepted::One;
+        return admit(socket, peer);
     }
-    switch (errno) {
-    case EAGAIN:
-        return Accepted::None;
-    case EMFILE:
-    case ENFILE:
-    case ENOBUFS:
-    case ENOMEM:
-        return pause(errno);
-    default:
-        return Accepted::One; // that connection failed, not the listener
+    // Other errors are those of one connection, not of the listener.
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        pause(errno);
     }
+    return nullptr;
 }
 
 /// Out of descriptors or memory: trying again at once would only burn processor time.
-TcpTransport::Accepted TcpTransport::pause(int errorNumber) {
+void TcpTransport::pause(int errorNumber) {
     KARST_LOG(logger, tessa::LOG_DETAIL, "Accepting a connection failed: %s",
               tessa::errorText(errorNumber).c_str());
     tessa::Lock lock(m_mutex);
     m_paused = true;
     evictLongestIdle();
-    m_timer.schedule(DeadlineTimer::Clock::now() + m_loop.limits().acceptRetry);
-    return Accepted::NoRoom;
 }
 
-void TcpTransport::admit(int socket, const sockaddr_in& peer) {
-    TcpConnection* connection = nullptr;
-    {
-        tessa::Lock lock(m_mutex);
-        if (m_connections.size() >= m_loop.limits().connections) {
-            evictLongestIdle();
-        }
-        m_connections.emplace_front(*this, socket, peer);
-        connection = &m_connections.front();
-        connection->place = m_connections.begin();
-        connection->lastActive = TcpConnection::Clock::now();
-        m_idle.push_back(*connection);
-        m_timer.schedule(connection->lastActive + m_loop.limits().idle);
+TcpConnection* TcpTransport::admit(int socket, const sockaddr_in& peer) {
+    tessa::Lock lock(m_mutex);
+    if (m_connections.size() >= m_loop.limits().connections) {
+        evictLongestIdle();
     }
-    if (!m_loop.poller().add(socket, ONE_SHOT, *connection)) {
-        close(*connection);
-    }
+    m_connections.emplace_front(*this, socket, peer);
+    TcpConnection& connection = m_connections.front();
+    connection.place = m_connections.begin();
+    connection.lastActive = TcpConnection::Clock::now();
+    m_idle.push_back(connection);
+    m_timer.schedule(connection.lastActive + m_loop.limits().idle);
+    return &connection;
 }
 
 void TcpTransport::armListener() {
@@ -167,15 +162,19 @@ void TcpTransport::endTurn(TcpConnection& connection, bool served, bool begun) {
     }
 }
 
-void TcpTransport::rearm(TcpConnection& connection) {
-    m_loop.poller().rearm(connection.socket(), ONE_SHOT, connection);
+bool TcpTransport::arm(TcpConnection& connection, bool isNew) {
+    return isNew ? m_loop.poller().add(connection.socket(), ONE_SHOT, connection)
+                 : m_loop.poller().rearm(connection.socket(), ONE_SHOT, connection);
 }
 
 void TcpTransport::close(TcpConnection& connection) {
     bool resume = false;
+    std::list<TcpConnection> closed; // others need not wait while the system closes it
     {
         tessa::Lock lock(m_mutex);
-        m_connections.erase(connection.place);
+        connection.idleHook.unlink();
+        connection.halfRecordHook.unlink();
+        closed.splice(closed.begin(), m_connections, connection.place);
         resume = m_paused && m_accepting;
         m_paused = false;
     }

@@ -8,6 +8,7 @@
 
 #include <boost/intrusive/list.hpp>
 
+#include <atomic>
 #include <cstddef>
 #include <list>
 
@@ -42,7 +43,10 @@ public:
     /// @param served it has answered calls
     /// @param begun a call has begun and its rest has not come
     void endTurn(TcpConnection& connection, bool served, bool begun);
-    void rearm(TcpConnection& connection);
+    /// Makes the poller report the connection's next input.
+    /// @param isNew it does not know the connection yet
+    /// @return false when that is impossible
+    bool arm(TcpConnection& connection, bool isNew);
     /// Destroys the connection.
     void close(TcpConnection& connection);
 
@@ -52,11 +56,10 @@ private:
         TcpConnection, boost::intrusive::member_hook<TcpConnection, TcpConnection::Hook, HOOK>,
         boost::intrusive::constant_time_size<false>>;
 
-    enum class Accepted { One, None, NoRoom };
-
-    Accepted acceptOne();
-    Accepted pause(int errorNumber);
-    void admit(int socket, const sockaddr_in& peer);
+    bool hasRoom();
+    TcpConnection* acceptOne();
+    void pause(int errorNumber);
+    TcpConnection* admit(int socket, const sockaddr_in& peer);
     void armListener();
     void evictLongestIdle() KARST_REQUIRES(m_mutex);
     void sweep();
@@ -72,6 +75,7 @@ private:
     Queue<&TcpConnection::halfRecordHook> m_halfRecord KARST_GUARDED_BY(m_mutex);
     bool m_paused KARST_GUARDED_BY(m_mutex) = false; ///< the listener waits for room
     bool m_accepting KARST_GUARDED_BY(m_mutex) = true;
+    std::atomic<int> m_turns{0}; ///< at the listener
     DeadlineTimer m_timer KARST_GUARDED_BY(m_mutex);
 };
 

@@ -27,31 +27,42 @@ namespace {
 constexpr int DATAGRAMS_A_TURN = 64;
 constexpr int SOCKET_BUFFER = 1024 * 1024;
 constexpr std::chrono::milliseconds WATCH_INTERVAL{5};
+/// How long a thread waits at the socket itself for the next datagram before it goes back to the
+/// poller. Clients that ask one question after the other come sooner.
+constexpr timeval LINGER{0, 20'000};
 constexpr std::uint32_t ONE_SHOT = EPOLLIN | EPOLLONESHOT;
 
+} // namespace
+
 /// One datagram's call. Keeps the local address that it came to for the reply.
-class DatagramCall final : public CallTransport {
+class UdpTransport::DatagramCall final : public CallTransport {
 public:
     DatagramCall(const RpcProgram& program, int socket, Worker& worker)
         : CallTransport(program, socket), m_socket(socket), m_worker(worker) {}
 
-    /// Receives and serves one datagram.
+    /// Receives one datagram.
+    /// @param flags MSG_DONTWAIT or 0: to wait for one as long as the socket's time limit says
     /// @return false when there is none, or receiving failed
-    bool next() {
+    bool receive(int flags) {
         iovec piece{m_worker.datagramIn().data(), m_worker.datagramIn().size()};
         msghdr header = makeHeader(piece);
         header.msg_controllen = sizeof m_control;
-        const ssize_t count = receive(header);
+        const ssize_t count = receive(header, flags);
         if (count < 0) {
             return false;
         }
         m_controlLength = header.msg_controllen;
         forgetInterface(header);
-        if ((header.msg_flags & MSG_TRUNC) == 0 && header.msg_namelen == sizeof m_peer) {
-            setPeer(m_peer);
-            serve(m_worker.datagramIn().first(static_cast<std::size_t>(count)));
-        }
+        const bool whole =
+            (header.msg_flags & MSG_TRUNC) == 0 && header.msg_namelen == sizeof m_peer;
+        m_received = m_worker.datagramIn().first(whole ? static_cast<std::size_t>(count) : 0);
         return true;
+    }
+
+    /// Serves the datagram that was received last; what is no call is passed over.
+    void serve() {
+        setPeer(m_peer);
+        CallTransport::serve(m_received);
     }
 
 private:
@@ -65,10 +76,10 @@ private:
         return header;
     }
 
-    ssize_t receive(msghdr& header) const {
+    ssize_t receive(msghdr& header, int flags) const {
         ssize_t count = 0;
         do {
-            count = recvmsg(m_socket, &header, MSG_DONTWAIT);
+            count = recvmsg(m_socket, &header, flags);
         } while (count < 0 && errno == EINTR);
         if (count < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
             KARST_LOG(logger, tessa::LOG_DEBUGGING, "Receiving over UDP failed: %s",
@@ -117,7 +128,10 @@ private:
     sockaddr_in m_peer{};
     alignas(cmsghdr) char m_control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
     std::size_t m_controlLength = 0;
+    std::span<char> m_received;
 };
+
+namespace {
 
 void setBuffer(int socket, int forced, int option) {
     if (setsockopt(socket, SOL_SOCKET, forced, &SOCKET_BUFFER, sizeof SOCKET_BUFFER) != 0) {
@@ -139,6 +153,7 @@ UdpTransport::UdpTransport(ServiceLoop& loop, int socket)
       m_watch(loop.poller(), [this] { look(); }) {
     const int on = 1;
     require(setsockopt(socket, IPPROTO_IP, IP_PKTINFO, &on, sizeof on) == 0);
+    require(setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &LINGER, sizeof LINGER) == 0);
     // Bursts of calls should wait in the kernel rather than be lost; without it they come again.
     setBuffer(socket, SO_RCVBUFFORCE, SO_RCVBUF);
     setBuffer(socket, SO_SNDBUFFORCE, SO_SNDBUF);
@@ -159,13 +174,28 @@ void UdpTransport::onReady(Worker& worker) {
     DatagramCall call(m_loop.program(), m_socket, worker);
     int count = 0;
     while (count < DATAGRAMS_A_TURN && !drain.overtaken.load(std::memory_order_relaxed) &&
-           !m_loop.stopping() && call.next()) {
+           !m_loop.stopping() && receive(call, drain, count == DATAGRAMS_A_TURN / 2)) {
+        call.serve();
         drain.served.store(static_cast<unsigned>(++count), std::memory_order_relaxed);
-        if (count == DATAGRAMS_A_TURN / 2) {
-            inviteAnother();
-        }
     }
     end(drain, count == DATAGRAMS_A_TURN);
+}
+
+/// The next datagram of a drain. A drain that is alone waits for it at the socket for a while, as
+/// long as another thread looks after everything else: that saves the way through the poller.
+/// @param probe see whether datagrams queue up already; then another thread is to join
+bool UdpTransport::receive(DatagramCall& call, Drain& drain, bool probe) {
+    if (probe && call.receive(MSG_DONTWAIT)) {
+        inviteAnother();
+        return true;
+    }
+    if (m_atWork.load(std::memory_order_relaxed) > 1 || !m_loop.isWatched()) {
+        return call.receive(MSG_DONTWAIT);
+    }
+    drain.waiting.store(true, std::memory_order_relaxed);
+    const bool received = call.receive(0);
+    drain.waiting.store(false, std::memory_order_relaxed);
+    return received;
 }
 
 void UdpTransport::begin(Drain& drain) {
@@ -204,6 +234,10 @@ void UdpTransport::look() {
     m_watch.clear();
     bool overtaken = false;
     for (Drain* drain : m_drains) {
+        if (drain->waiting.load(std::memory_order_relaxed)) {
+            drain->looked = false;
+            continue;
+        }
         const unsigned served = drain->served.load(std::memory_order_relaxed);
         if (!drain->overtaken && drain->looked && drain->servedAtLook == served) {
             drain->overtaken = true;

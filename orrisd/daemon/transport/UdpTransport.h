@@ -17,7 +17,8 @@ class ServiceLoop;
 /// sent to. Does not own the socket. Thread-safe.
 ///
 /// The socket is one-shot in the poller: the thread that is woken drains it, one datagram after the
-/// other, while the others sleep on. To wake a thread for each datagram costs more than to serve
+/// other, while the others sleep on; when it finds no more it stays at the socket for a while
+/// before it goes back to the poller. To wake a thread for each datagram costs more than to serve
 /// it. Further threads join while datagrams keep coming faster, and as soon as a call takes long.
 class UdpTransport final : public EventSource {
 public:
@@ -30,10 +31,13 @@ public:
     void onReady(Worker& worker) override;
 
 private:
+    class DatagramCall;
+
     /// One thread's turn at the socket. Lives on its stack.
     struct Drain {
         std::atomic<unsigned> served{0};
         std::atomic<bool> overtaken{false}; ///< stuck with a call: no longer counted as at work
+        std::atomic<bool> waiting{false};   ///< for a datagram, with no call to be stuck with
         // Of the last look; guarded by the transport's mutex.
         bool looked = false;
         unsigned servedAtLook = 0;
@@ -41,6 +45,7 @@ private:
 
     void begin(Drain& drain);
     void end(Drain& drain, bool moreLikely);
+    bool receive(DatagramCall& call, Drain& drain, bool probe);
     void inviteAnother();
     void look();
     void rearm();
@@ -51,8 +56,9 @@ private:
 
     tessa::Mutex m_mutex;
     std::vector<Drain*> m_drains KARST_GUARDED_BY(m_mutex);
-    /// Drains that go on. While there is one, the socket need not wake anybody.
-    std::size_t m_atWork KARST_GUARDED_BY(m_mutex) = 0;
+    /// Drains that go on. While there is one, the socket need not wake anybody. Changed with the
+    /// mutex held.
+    std::atomic<std::size_t> m_atWork{0};
     bool m_watching KARST_GUARDED_BY(m_mutex) = false;
     DeadlineTimer m_watch KARST_GUARDED_BY(m_mutex);
 };

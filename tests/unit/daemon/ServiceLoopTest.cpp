@@ -509,6 +509,43 @@ TEST_F(ServiceLoop, half_senders_delay_nobody) {
     EXPECT_TRUE(test::eventually([this] { return loop->connections() == 0; }));
 }
 
+TEST_F(ServiceLoop, clients_that_come_one_after_the_other_and_leave) {
+    start(4);
+    for (std::uint32_t i = 0; i < 300; ++i) {
+        ASSERT_EQ(tcpClient().exchange({.xid = i}), accepted(i, 0));
+    }
+    EXPECT_TRUE(test::eventually([&] { return loop->connections() == 0; }));
+}
+
+class Threads : public ServiceLoop, public testing::WithParamInterface<unsigned> {};
+
+TEST_P(Threads, new_clients_that_say_nothing_delay_nobody) {
+    start(GetParam());
+    std::vector<TcpClient> silent;
+    for (std::uint32_t i = 0; i < 20; ++i) {
+        silent.push_back(tcpClient());
+        ASSERT_EQ(tcpClient().exchange({.xid = i}), accepted(i, 0));
+        ASSERT_EQ(udpClient().exchange({.xid = i}), accepted(i, 0));
+    }
+    for (TcpClient& client : silent) {
+        ASSERT_EQ(client.exchange({.xid = 5}), accepted(5, 0));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Counts, Threads, testing::Values(1U, 2U, 4U));
+
+TEST_F(ServiceLoop, a_long_call_of_a_new_connection_keeps_nobody_from_connecting) {
+    start(3);
+    TcpClient held = tcpClient();
+    held.call({.xid = 1, .procedure = HELD});
+    ASSERT_TRUE(test::eventually([] { return gGate.waiting() == 1; }));
+    for (std::uint32_t i = 10; i < 30; ++i) {
+        ASSERT_EQ(tcpClient().exchange({.xid = i}), accepted(i, 0));
+    }
+    gGate.open(true);
+    EXPECT_EQ(held.receive(), accepted(1, 0));
+}
+
 TEST_F(ServiceLoop, half_a_call_has_a_deadline) {
     limits.halfRecord = 100ms;
     start();
