@@ -92,16 +92,21 @@ void TcpConnection::onReady(Worker& worker) {
     m_transport.close(*this);
 }
 
+/// Tells the transport what the calls and the input so far mean for the deadlines.
+void TcpConnection::account() {
+    const bool begun = m_reader.inRecord() && !m_halfRecord;
+    m_halfRecord = m_reader.inRecord();
+    if (m_served || begun) {
+        m_transport.callsEnded(*this, m_served, begun);
+    }
+    m_served = false;
+}
+
 /// Once the descriptor is armed, another thread may wait for the mutex to serve this connection,
 /// and then destroy it: nothing but the release of the mutex may follow.
 /// @return false when it cannot be armed
 bool TcpConnection::endTurn(bool isNew) {
-    const bool begun = m_reader.inRecord() && !m_halfRecord;
-    m_halfRecord = m_reader.inRecord();
-    if (m_served || begun) {
-        m_transport.endTurn(*this, m_served, begun);
-    }
-    m_served = false;
+    account();
     return m_transport.arm(*this, isNew);
 }
 
@@ -115,6 +120,7 @@ TcpConnection::Turn TcpConnection::serveNew(Worker& worker) {
         if (input == Input::ENDED || !serveRecords(worker.streamIn().first(size), worker)) {
             return Turn::Close;
         }
+        account();
     }
     return Turn::Rearm;
 }

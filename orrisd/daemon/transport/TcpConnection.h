@@ -67,6 +67,7 @@ private:
     Turn serveNew(Worker& worker) KARST_REQUIRES(m_serving);
     Turn serveInput(Worker& worker) KARST_REQUIRES(m_serving);
     Input read(Worker& worker, std::size_t& size);
+    void account() KARST_REQUIRES(m_serving);
     bool endTurn(bool isNew) KARST_REQUIRES(m_serving);
     bool serveRecords(std::span<char> input, Worker& worker) KARST_REQUIRES(m_serving);
     bool serveRecord(std::span<char> record, Worker& worker) KARST_REQUIRES(m_serving);

@@ -147,7 +147,7 @@ void TcpTransport::beginCall(TcpConnection& connection) {
     connection.halfRecordHook.unlink();
 }
 
-void TcpTransport::endTurn(TcpConnection& connection, bool served, bool begun) {
+void TcpTransport::callsEnded(TcpConnection& connection, bool served, bool begun) {
     const auto now = TcpConnection::Clock::now();
     tessa::Lock lock(m_mutex);
     if (served) {

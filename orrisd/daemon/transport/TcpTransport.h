@@ -37,12 +37,12 @@ public:
     std::size_t connections() const;
 
     // For the connections.
-    /// A call is complete and about to be served: no deadline holds until the turn ends.
+    /// A call is complete and about to be served: no deadline holds until the calls have ended.
     void beginCall(TcpConnection& connection);
-    /// The thread is about to let go of the connection.
-    /// @param served it has answered calls
+    /// The input so far has been dealt with.
+    /// @param served calls have been answered
     /// @param begun a call has begun and its rest has not come
-    void endTurn(TcpConnection& connection, bool served, bool begun);
+    void callsEnded(TcpConnection& connection, bool served, bool begun);
     /// Makes the poller report the connection's next input.
     /// @param isNew it does not know the connection yet
     /// @return false when that is impossible
