@@ -1,5 +1,6 @@
 #include "AccountCursors.h"
 
+#include "../Pager.h"
 #include "../Reporter.h"
 #include "Text.h"
 
@@ -21,6 +22,9 @@ constexpr const char* ALL_GROUPS = "(objectClass=group)";
 // A part of the members with each group, so that no answer is too large; the rest follows by range.
 constexpr const char* FIRST_MEMBERS = "member;range=0-1499";
 constexpr unsigned long MEMBERS_AT_ONCE = 1500; // more is not handed out
+constexpr unsigned GROUPS_AT_ONCE = 50;         // each with that part of its members
+// Members of a single group are looked up one by one; clients wait for 30 seconds.
+constexpr std::chrono::seconds LOOKUP_LIMIT(20);
 constexpr const char* EXPIRY = "msDS-UserPasswordExpiryTimeComputed";
 
 std::vector<std::string> userAttributes(bool withExpiry) {
@@ -40,10 +44,10 @@ std::vector<std::string> groupAttributes(bool withMembers) {
     return names;
 }
 
-SearchOptions everywhere(bool wholeRanges = true) {
+SearchOptions everywhere(unsigned pageSize = 0) {
     SearchOptions options;
     options.scope = LDAP_SCOPE_SUBTREE;
-    options.wholeRanges = wholeRanges;
+    options.pageSize = pageSize;
     return options;
 }
 
@@ -72,13 +76,30 @@ std::string nameFilter(const char* filter, const std::string& name) {
     return text;
 }
 
-std::vector<tessa::ADObject> findAll(Query& query, const std::string& filter,
-                                     const std::vector<std::string>& attributes) {
-    std::vector<tessa::ADObject> objects;
+// Calls the function with each object that the filter finds, complete.
+template <typename Take>
+void forEachFound(Query& query, const std::string& filter,
+                  const std::vector<std::string>& attributes, Take take) {
     query.start(query.connection().root().namingContext, filter, attributes, everywhere());
-    while (query.nextPage(objects)) {
+    bool more = true;
+    while (more) {
+        std::vector<tessa::ADObject> page;
+        more = query.nextPage(page);
+        for (tessa::ADObject& object : page) {
+            query.ask([&](Connection& connection) {
+                connection.complete(object, attributes);
+                return true;
+            });
+            take(object);
+        }
     }
-    return objects;
+}
+
+// Attributes of a group with its members, whatever their number.
+std::vector<std::string> wholeGroupAttributes() {
+    std::vector<std::string> names = Accounts::groupAttributes();
+    std::replace(names.begin(), names.end(), std::string("member"), rangeFrom("member", 0));
+    return names;
 }
 
 /// Looks members up one by one: for a single group.
@@ -89,10 +110,15 @@ public:
     bool find(const std::string& dn, AccountReference& account) override {
         static const std::vector<std::string> attributes = [] {
             std::vector<std::string> names = userAttributes(false);
-            const std::vector<std::string> more = groupAttributes(true);
+            const std::vector<std::string> more = wholeGroupAttributes();
             names.insert(names.end(), more.begin(), more.end());
             return names;
         }();
+        if (Clock::now() > m_end) {
+            TESSA_THROW(tessa::IPCException,
+                        "the group has too many members to look all of them up one by one in time; "
+                        "enumerate the groups");
+        }
         tessa::ADObject object;
         try {
             object = m_query.ask(
@@ -116,12 +142,12 @@ public:
         std::string filter(USERS);
         filter.insert(filter.size() - 1, "(primaryGroupID=" + std::to_string(rid) + ")");
         std::vector<std::string> names;
-        for (const tessa::ADObject& object : findAll(m_query, filter, userAttributes(false))) {
+        forEachFound(m_query, filter, userAttributes(false), [&](const tessa::ADObject& object) {
             std::string name = nameOf(object);
             if (!name.empty()) {
                 names.push_back(std::move(name));
             }
-        }
+        });
         return names;
     }
 
@@ -134,6 +160,7 @@ private:
 
     Query& m_query;
     const std::int64_t m_now;
+    const Clock::time_point m_end = Clock::now() + LOOKUP_LIMIT;
 };
 
 } // namespace
@@ -166,7 +193,8 @@ void AccountReader::step() {
             m_query->start(base, USERS, userAttributes(m_kind == AccountKind::USER), everywhere());
         } else {
             const bool withMembers = m_kind == AccountKind::GROUP;
-            m_query->start(base, ALL_GROUPS, groupAttributes(withMembers), everywhere(false));
+            m_query->start(base, ALL_GROUPS, groupAttributes(withMembers),
+                           everywhere(withMembers ? GROUPS_AT_ONCE : 0));
         }
     }
     std::vector<tessa::ADObject> page;
@@ -235,11 +263,14 @@ bool GroupsOfDomain::nextPage(std::vector<tessa::GroupRecord>& items, std::size_
         return true;
     }
     const auto end = Clock::now() + SLICE;
-    for (std::size_t count = 0; count < limit && Clock::now() < end; ++count) {
+    std::size_t bytes = 0; // groups differ in size by orders of magnitude
+    for (std::size_t count = 0; count < limit && bytes < PAGE_BYTES && Clock::now() < end;
+         ++count) {
         tessa::GroupRecord group;
         if (!m_reader.index().nextGroup(group, m_withMembers)) {
             return false;
         }
+        bytes += tessa::messages::encodedSize(group);
         items.push_back(std::move(group));
     }
     return true;
@@ -247,30 +278,41 @@ bool GroupsOfDomain::nextPage(std::vector<tessa::GroupRecord>& items, std::size_
 
 tessa::UserRecord userOfDomain(Query& query, const std::string& name) {
     const std::int64_t now = timeOf(query);
-    tessa::UserRecord user;
-    std::string reason;
-    for (const tessa::ADObject& object :
-         findAll(query, nameFilter(USERS, name), userAttributes(true))) {
-        if (Accounts::makeUser(object, now, user, reason) && user.name == name) {
-            return user;
-        }
+    std::optional<tessa::UserRecord> found;
+    forEachFound(
+        query, nameFilter(USERS, name), userAttributes(true), [&](const tessa::ADObject& object) {
+            tessa::UserRecord user;
+            std::string reason;
+            if (!found && Accounts::makeUser(object, now, user, reason) && user.name == name) {
+                found = user;
+            }
+        });
+    if (!found) {
+        TESSA_THROW(tessa::NotFoundException, "no user '" + name + "'");
     }
-    TESSA_THROW(tessa::NotFoundException, "no user '" + name + "'");
+    return *found;
 }
 
 tessa::GroupRecord groupOfDomain(Query& query, const std::string& name) {
     const std::int64_t now = timeOf(query);
-    for (const tessa::ADObject& object :
-         findAll(query, nameFilter(POSIX_GROUPS, name), groupAttributes(true))) {
-        tessa::GroupRecord group;
-        std::string reason;
-        if (Accounts::makeGroup(object, group, reason) && group.name == name) {
-            MembersOfDomain source(query, now);
-            group.members = Accounts::members(Accounts::groupReference(object), source);
-            return group;
-        }
+    std::optional<tessa::GroupRecord> found;
+    AccountReference reference;
+    forEachFound(query, nameFilter(POSIX_GROUPS, name), wholeGroupAttributes(),
+                 [&](const tessa::ADObject& object) {
+                     tessa::GroupRecord group;
+                     std::string reason;
+                     if (!found && Accounts::makeGroup(object, group, reason) &&
+                         group.name == name) {
+                         found = group;
+                         reference = Accounts::groupReference(object);
+                     }
+                 });
+    if (!found) {
+        TESSA_THROW(tessa::NotFoundException, "no group '" + name + "'");
     }
-    TESSA_THROW(tessa::NotFoundException, "no group '" + name + "'");
+    MembersOfDomain source(query, now);
+    found->members = Accounts::members(reference, source);
+    return *found;
 }
 
 } // namespace quorad::ldap

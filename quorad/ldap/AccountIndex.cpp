@@ -43,15 +43,17 @@ struct AccountIndex::Statements {
           users(d, "SELECT name, uid, gid, gecos, home, shell, hash, control, expires, expiry"
                    " FROM user ORDER BY name, dn"),
           teams(d, "SELECT id, name, gid FROM team WHERE gid IS NOT NULL ORDER BY name, dn"),
-          userOfDn(d, "SELECT name FROM user WHERE dn = ?"),
-          teamOfDn(d, "SELECT id FROM team WHERE dn = ?"),
-          team(d, "SELECT rid FROM team WHERE id = ?"),
-          members(d, "SELECT dn FROM member WHERE team = ?"),
-          named(d, "SELECT name FROM named WHERE team = ?"),
-          primary(d, "SELECT name FROM user WHERE rid = ?") {}
+          members(d, "WITH RECURSIVE inside(id, rid) AS ("
+                     "  SELECT id, rid FROM team WHERE id = ?"
+                     "  UNION SELECT team.id, team.rid FROM inside"
+                     "   JOIN member ON member.team = inside.id JOIN team ON team.dn = member.dn)"
+                     " SELECT user.name FROM inside JOIN member ON member.team = inside.id"
+                     "  JOIN user ON user.dn = member.dn"
+                     " UNION SELECT user.name FROM inside JOIN user ON user.rid = inside.rid"
+                     " UNION SELECT named.name FROM inside JOIN named ON named.team = inside.id"
+                     " ORDER BY 1") {}
 
-    sqlite::Statement addUser, addTeam, addMember, addNamed, users, teams, userOfDn, teamOfDn, team,
-        members, named, primary;
+    sqlite::Statement addUser, addTeam, addMember, addNamed, users, teams, members;
 };
 
 template <typename Work> auto AccountIndex::guarded(Work work) {
@@ -164,7 +166,8 @@ void AccountIndex::addMembers(std::int64_t group, const std::vector<std::string>
     guarded([&] {
         sqlite::Transaction transaction(*m_database, "BEGIN");
         for (const std::string& member : members) {
-            m_statements->addMember.bind(1, group).bind(2, member).run();
+            const std::string dn = tessa::DN::normalize(member);
+            m_statements->addMember.bind(1, group).bind(2, dn).run();
         }
         transaction.commit();
     });
@@ -245,61 +248,23 @@ bool AccountIndex::nextGroup(tessa::GroupRecord& group, bool withMembers) {
         group.name = row.bytes(1);
         group.gid = static_cast<std::uint32_t>(row.number(2));
         if (withMembers) {
-            group.members = Accounts::members(reference(id), *this);
+            group.members = membersOf(id);
         }
         return true;
     });
 }
 
-AccountReference AccountIndex::reference(std::int64_t group) {
-    AccountReference account;
-    account.kind = AccountKind::GROUP;
-    {
-        sqlite::Statement& row = m_statements->team.bind(1, group);
-        const sqlite::ScopedReset reset(row);
-        account.hasRid = row.step() && !row.isNull(0);
-        account.rid = account.hasRid ? static_cast<std::uint32_t>(row.number(0)) : 0;
-    }
-    sqlite::Statement& members = m_statements->members.bind(1, group);
-    while (members.step()) {
-        account.members.emplace_back(members.bytes(0));
-    }
-    sqlite::Statement& named = m_statements->named.bind(1, group);
-    while (named.step()) {
-        account.names.emplace_back(named.bytes(0));
-    }
-    return account;
-}
-
-bool AccountIndex::find(const std::string& dn, AccountReference& account) {
-    const std::string name = tessa::DN::normalize(dn);
-    {
-        sqlite::Statement& row = m_statements->userOfDn.bind(1, name);
-        const sqlite::ScopedReset reset(row);
-        if (row.step()) {
-            account.kind = AccountKind::USER;
-            account.name = row.bytes(0);
-            return true;
-        }
-    }
-    std::int64_t id = 0;
-    {
-        sqlite::Statement& row = m_statements->teamOfDn.bind(1, name);
-        const sqlite::ScopedReset reset(row);
-        if (!row.step()) {
-            return false;
-        }
-        id = row.number(0);
-    }
-    account = reference(id);
-    return true;
-}
-
-std::vector<std::string> AccountIndex::primaryMembers(std::uint32_t rid) {
+// Users in the group and in the groups in it at any depth, in the order of their names. The
+// database does it, so that only the names are in memory.
+std::vector<std::string> AccountIndex::membersOf(std::int64_t group) {
     std::vector<std::string> names;
-    sqlite::Statement& row = m_statements->primary.bind(1, std::int64_t{rid});
+    sqlite::Statement& row = m_statements->members.bind(1, group);
+    const sqlite::ScopedReset reset(row);
     while (row.step()) {
-        names.emplace_back(row.bytes(0));
+        const std::string_view name = row.bytes(0);
+        if (Accounts::isMemberName(name)) {
+            names.emplace_back(name);
+        }
     }
     return names;
 }

@@ -18,11 +18,11 @@ namespace quorad::ldap {
 /// with the object. One thread at a time.
 ///
 /// Operations throw tessa::IPCException when the file cannot be written or read.
-class AccountIndex : public MemberSource {
+class AccountIndex {
 public:
     /// @param folder where there is room for it
     AccountIndex(const std::string& folder, std::int64_t now);
-    ~AccountIndex() override;
+    ~AccountIndex();
     /// Removes what a process that was killed left behind.
     static void removeStale(const std::string& folder);
     AccountIndex(const AccountIndex&) = delete;
@@ -41,9 +41,6 @@ public:
     bool nextUser(tessa::UserRecord& user);
     bool nextGroup(tessa::GroupRecord& group, bool withMembers);
 
-    bool find(const std::string& dn, AccountReference& account) override;
-    std::vector<std::string> primaryMembers(std::uint32_t rid) override;
-
 private:
     struct Statements;
 
@@ -51,7 +48,7 @@ private:
     void addUser(const tessa::ADObject& object);
     void addProblem(const tessa::ADObject& object, const char* kind, const std::string& reason);
     void findDuplicates(const char* table, const char* column, const char* what);
-    AccountReference reference(std::int64_t group);
+    std::vector<std::string> membersOf(std::int64_t group);
     template <typename Work> auto guarded(Work work);
 
     const std::int64_t m_now;

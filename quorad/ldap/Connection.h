@@ -2,6 +2,7 @@
 
 #include "Kerberos.h"
 #include "Settings.h"
+#include "Text.h"
 
 #include <karst/ADObject.h>
 #include <karst/Exceptions.h>
@@ -38,6 +39,26 @@ public:
     using IPCException::IPCException;
 };
 
+/// The controller is connected, and sends questions away as one does that has troubles of its own.
+/// It may also be that this connection is of no more use (its tickets have run out), or that it
+/// never answers this question, whoever asks.
+class Unfit : public ConnectionLost {
+public:
+    Unfit(std::string message, int code, const char* file, unsigned line)
+        : ConnectionLost(std::move(message), file, line), m_code(code) {}
+    /// Whether the answer says that it is the controller and not the question.
+    bool isBusy() const { return m_code == LDAP_UNAVAILABLE || m_code == LDAP_BUSY; }
+
+private:
+    int m_code;
+};
+
+/// The controller accepts connections and says nothing.
+class Silent : public ConnectionLost {
+public:
+    using ConnectionLost::ConnectionLost;
+};
+
 /// What a controller says of itself.
 struct RootObject {
     std::string server; ///< lower-cased DNS name
@@ -51,9 +72,8 @@ struct RootObject {
 struct SearchOptions {
     int scope = 1;
     bool showDeleted = false;
-    unsigned pageSize = 0;   ///< 0: as configured
-    unsigned sizeLimit = 0;  ///< 0: none
-    bool wholeRanges = true; ///< attributes that come by ranges are completed
+    unsigned pageSize = 0;  ///< at most; 0: as configured
+    unsigned sizeLimit = 0; ///< 0: none
 };
 
 struct Modification {
@@ -65,13 +85,12 @@ struct Modification {
 
 class PagedSearch;
 
-/// A bound connection to one controller. Each object that it delivers has "_dn" and "_server";
-/// attributes that the controller delivers by ranges are complete. Referrals are not followed. One
-/// thread at a time.
+/// A bound connection to one controller. Each object that it delivers has "_dn" and "_server".
+/// Referrals are not followed. One thread at a time.
 ///
 /// Every operation has a time limit. Operations throw
 ///  - tessa::NotFoundException: no such object or search base;
-///  - tessa::BadDataException: malformed name, filter or value;
+///  - tessa::BadDataException: malformed name, filter or value, or an object that is too large;
 ///  - Refused: the controller says no;
 ///  - ConnectionLost: it says nothing, and the connection is not usable any more.
 class Connection {
@@ -94,11 +113,17 @@ public:
 
     /// Asks the controller again.
     RootObject readRoot();
-    /// One object by its name ("" is the root object, "<GUID=...>" finds by GUID).
+    /// One object by its name ("" is the root object, "<GUID=...>" finds by GUID), complete.
     /// @param attributes none: all
     tessa::ADObject read(const std::string& dn, const std::vector<std::string>& attributes,
                          bool showDeleted = false);
-    /// Finds objects page by page.
+    /// Completes attributes of which the controller delivered a part, except where just that part
+    /// ("member;range=0-99") was asked for.
+    /// @param attributes that were asked for
+    /// @throws tessa::BadDataException when the object is larger than a message may be
+    void complete(tessa::ADObject& object, const std::vector<std::string>& attributes,
+                  bool showDeleted = false);
+    /// Finds objects page by page. Attributes that come by ranges are not completed.
     /// @param attributes none: all; "1.1": names only
     std::unique_ptr<PagedSearch> search(const std::string& base, const std::string& filter,
                                         const std::vector<std::string>& attributes,
@@ -130,7 +155,13 @@ private:
     LDAPMessage* await(int message, int all, Deadline deadline, const std::string& what);
     void finish(int message, const std::string& what);
     tessa::ADObject toObject(LDAPMessage* entry);
-    void completeRanges(tessa::ADObject& object, bool showDeleted);
+    tessa::ADObject readPart(const std::string& dn, const std::vector<std::string>& attributes,
+                             bool showDeleted);
+    std::vector<std::string> readRest(const std::string& dn, Range range,
+                                      std::vector<std::string> values, std::size_t& bytes,
+                                      bool showDeleted);
+    /// A question was answered with that code.
+    [[noreturn]] void failQuestion(int code, const std::string& what, const std::string& dn);
     [[noreturn]] void fail(int code, const std::string& what, const std::string& dn = "");
     std::string diagnostic(int code) const;
 

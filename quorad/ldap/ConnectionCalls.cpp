@@ -1,6 +1,6 @@
 // Questions and changes over a connection, and what their failures mean.
+#include "../Answers.h"
 #include "Connection.h"
-#include "Text.h"
 
 #include <karst/Text.h>
 
@@ -133,6 +133,20 @@ void Connection::fail(int code, const std::string& what, const std::string& dn) 
     }
 }
 
+void Connection::failQuestion(int code, const std::string& what, const std::string& dn) {
+    switch (code) {
+    case LDAP_OPERATIONS_ERROR: // what a connection answers whose tickets have run out
+    case LDAP_BUSY:
+    case LDAP_UNAVAILABLE:
+    case LDAP_UNWILLING_TO_PERFORM:
+        m_usable = false;
+        throw Unfit(m_endpoint.uri() + ": " + what + ": " + diagnostic(code), code,
+                    tessa::baseName(__FILE__), __LINE__);
+    default:
+        fail(code, what, dn);
+    }
+}
+
 void Connection::requireSent(int code, const std::string& what) {
     if (code != LDAP_SUCCESS) {
         fail(code, what);
@@ -159,8 +173,8 @@ LDAPMessage* Connection::await(int message, int all, Deadline deadline, const st
         if (Clock::now() >= deadline) {
             m_usable = false;
             ::ldap_abandon_ext(m_ldap, message, nullptr, nullptr);
-            TESSA_THROW(ConnectionLost, m_endpoint.uri() + ": " + what +
-                                            ": the controller is connected but does not answer");
+            TESSA_THROW(Silent, m_endpoint.uri() + ": " + what +
+                                    ": the controller is connected but does not answer");
         }
     }
 }
@@ -202,38 +216,84 @@ tessa::ADObject Connection::toObject(LDAPMessage* entry) {
     return object;
 }
 
-void Connection::completeRanges(tessa::ADObject& object, bool showDeleted) {
+namespace {
+
+// Whether just this part of an attribute was asked for.
+bool isWanted(const std::string& part, const std::vector<std::string>& attributes) {
+    return std::any_of(attributes.begin(), attributes.end(), [&](const std::string& asked) {
+        Range wanted;
+        return parseRange(asked, wanted) && !wanted.complete &&
+               tessa::equalsIgnoreCase(wanted.attribute, part);
+    });
+}
+
+std::size_t sizeOf(const std::vector<std::string>& values) {
+    constexpr std::size_t FRAMING = 8; // length and filling, at most
+    std::size_t bytes = 0;
+    for (const std::string& value : values) {
+        bytes += value.size() + FRAMING;
+    }
+    return bytes;
+}
+
+} // namespace
+
+// The values behind those at hand.
+std::vector<std::string> Connection::readRest(const std::string& dn, Range range,
+                                              std::vector<std::string> values, std::size_t& bytes,
+                                              bool showDeleted) {
+    while (!range.complete) {
+        const unsigned long asked = range.next;
+        const std::string name = range.attribute;
+        const tessa::ADObject more = readPart(dn, {rangeFrom(name, asked)}, showDeleted);
+        range.complete = true; // unless there is a further part
+        for (const auto& attribute : more.attributes()) {
+            Range part;
+            if (parseRange(attribute.name, part) && tessa::equalsIgnoreCase(part.attribute, name)) {
+                values.insert(values.end(), attribute.values.begin(), attribute.values.end());
+                bytes += sizeOf(attribute.values);
+                range.complete = part.complete || part.next <= asked;
+                range.next = part.next;
+            }
+        }
+        if (bytes > MAX_ITEM_BYTES) {
+            TESSA_THROW(tessa::BadDataException,
+                        "object '" + dn + "' is too large for a message: '" + name +
+                            "' alone has more than " + std::to_string(values.size()) +
+                            " values; ask for a part, such as '" + rangeOf(name, 0, 1000) + "'");
+        }
+    }
+    return values;
+}
+
+void Connection::complete(tessa::ADObject& object, const std::vector<std::string>& attributes,
+                          bool showDeleted) {
     std::vector<std::pair<std::string, Range>> ranges;
+    std::size_t bytes = 0;
     for (const auto& attribute : object.attributes()) {
         Range range;
-        if (parseRange(attribute.name, range)) {
+        bytes += sizeOf(attribute.values);
+        if (parseRange(attribute.name, range) && !isWanted(range.attribute, attributes)) {
             ranges.emplace_back(attribute.name, range);
         }
     }
-    for (auto& [description, range] : ranges) {
+    for (const auto& [description, range] : ranges) {
         std::vector<std::string> values = object[description].values();
         object.set(description, std::vector<std::string>());
-        while (!range.complete) {
-            const unsigned long asked = range.next;
-            const std::string next = rangeFrom(range.attribute, asked);
-            const tessa::ADObject more = read(object["_dn"].asString(), {next}, showDeleted);
-            range.complete = true; // unless there is a further part
-            for (const auto& attribute : more.attributes()) {
-                Range part;
-                if (parseRange(attribute.name, part) &&
-                    tessa::equalsIgnoreCase(part.attribute, range.attribute)) {
-                    values.insert(values.end(), attribute.values.begin(), attribute.values.end());
-                    range.complete = part.complete || part.next <= asked;
-                    range.next = part.next;
-                }
-            }
-        }
-        object.set(range.attribute, std::move(values));
+        object.set(range.attribute, readRest(object["_dn"].asString(), range, std::move(values),
+                                             bytes, showDeleted));
     }
 }
 
 tessa::ADObject Connection::read(const std::string& dn, const std::vector<std::string>& attributes,
                                  bool showDeleted) {
+    tessa::ADObject object = readPart(dn, attributes, showDeleted);
+    complete(object, attributes, showDeleted);
+    return object;
+}
+
+tessa::ADObject Connection::readPart(const std::string& dn,
+                                     const std::vector<std::string>& attributes, bool showDeleted) {
     const std::string what = dn.empty() ? "read of the root object" : "read of '" + dn + "'";
     LDAPControl deleted = controlOf(SHOW_DELETED);
     LDAPControl* controls[] = {showDeleted ? &deleted : nullptr, nullptr};
@@ -251,18 +311,13 @@ tessa::ADObject Connection::read(const std::string& dn, const std::vector<std::s
     const int parsed =
         ::ldap_parse_result(m_ldap, answer, &code, nullptr, nullptr, nullptr, nullptr, 0);
     if (parsed != LDAP_SUCCESS || code != LDAP_SUCCESS) {
-        fail(parsed != LDAP_SUCCESS ? parsed : code, what, dn);
+        failQuestion(parsed != LDAP_SUCCESS ? parsed : code, what, dn);
     }
     LDAPMessage* const entry = ::ldap_first_entry(m_ldap, answer);
     if (entry == nullptr) {
         TESSA_THROW(tessa::NotFoundException, "no object '" + dn + "'");
     }
-    tessa::ADObject object = toObject(entry);
-    const bool isPart = attributes.size() == 1 && attributes.front().find(';') != std::string::npos;
-    if (!isPart) {
-        completeRanges(object, showDeleted);
-    }
-    return object;
+    return toObject(entry);
 }
 
 std::unique_ptr<PagedSearch> Connection::search(const std::string& base, const std::string& filter,

@@ -17,6 +17,7 @@ constexpr std::size_t MAX_IDLE = 8;
 constexpr std::chrono::seconds IDLE_LIMIT(60);
 constexpr std::chrono::seconds AGE_LIMIT(3600); // tickets end, controllers drop old connections
 constexpr std::chrono::seconds RETRY_PAUSE(5);
+constexpr unsigned UNFIT_LIMIT = 3; // questions sent away before a controller is in doubt
 
 } // namespace
 
@@ -43,7 +44,7 @@ void Controllers::giveBack(std::unique_ptr<Connection> connection, const Epoch& 
     const tessa::Lock lock(m_mutex);
     --m_leases;
     if (connection != nullptr && m_isPinned && connection->endpoint() == m_pinned.endpoint &&
-        m_idle.size() < MAX_IDLE) {
+        epoch.number == m_pinnedEpoch && m_idle.size() < MAX_IDLE) {
         m_idle.push_back({std::move(connection), epoch, Clock::now()});
     }
 }
@@ -123,7 +124,10 @@ Controllers::Lease Controllers::leaseFrom(const Candidate& candidate, Deadline d
     try {
         auto connection = connect(candidate.endpoint, deadline);
         const Epoch epoch = checkEpoch(*connection);
-        succeeded(candidate, *connection);
+        if (isDoubtful(candidate.endpoint)) {
+            probe(*connection);
+        }
+        succeeded(candidate, *connection, epoch);
         {
             const tessa::Lock lock(m_mutex);
             ++m_leases;
@@ -152,14 +156,8 @@ std::unique_ptr<Connection> Controllers::connect(const Endpoint& endpoint, Deadl
 // Which life of the controller's database this is.
 Epoch Controllers::checkEpoch(Connection& connection) {
     const std::string& server = connection.server();
-    const std::int64_t before = m_store.lastUsn(server);
-    RootObject root = connection.root();
-    if (root.usn < before) {
-        root = connection.readRoot(); // another thread may have been quicker with a later number
-    }
-    if (root.usn >= before) {
-        root.usn = std::max(root.usn, m_store.lastUsn(server));
-    }
+    const ServerState before = m_store.state(server);
+    const RootObject root = connection.readRoot();
     std::string invocation;
     if (!root.settingsDn.empty()) {
         try {
@@ -170,7 +168,7 @@ Epoch Controllers::checkEpoch(Connection& connection) {
         }
     }
     bool begun = false;
-    const Epoch epoch = m_store.epoch(server, invocation, root.usn, begun);
+    const Epoch epoch = m_store.epoch(server, invocation, root.usn, before, begun);
     if (begun) {
         KARST_LOG(m_logger, tessa::LOG_WARN,
                   "Domain controller %s was restored from a backup or promoted anew: all maps are "
@@ -182,9 +180,10 @@ Epoch Controllers::checkEpoch(Connection& connection) {
 
 RootObject Controllers::readRoot(Lease& lease) {
     const std::string server = lease->server();
-    const std::int64_t before = m_store.lastUsn(server);
+    const ServerState before = m_store.state(server);
     RootObject root = lease->readRoot();
-    if (root.server != server || root.usn < before) {
+    if (root.server != server || root.usn < before.usn ||
+        before.epoch.number != lease.epoch().number) {
         lease.discard();
         TESSA_THROW(ConnectionLost,
                     lease->endpoint().uri() + ": the controller has gone back in its history");
@@ -193,15 +192,41 @@ RootObject Controllers::readRoot(Lease& lease) {
     return root;
 }
 
-void Controllers::lost(const Lease& lease, const std::string& reason) {
+void Controllers::lost(const Lease& lease, const ConnectionLost& failure) {
+    // One that was only restarted answers a new connection at once.
+    bool pause = dynamic_cast<const Silent*>(&failure) != nullptr;
     std::vector<Idle> idle;
     {
         const tessa::Lock lock(m_mutex);
         idle.swap(m_idle); // as old as the one that is lost
+        if (const auto* unfit = dynamic_cast<const Unfit*>(&failure)) {
+            const unsigned count = ++m_health[lease->endpoint().uri()].unfit;
+            // Otherwise it may be the question that is at fault.
+            pause = count >= UNFIT_LIMIT && unfit->isBusy() && m_candidates.size() > 1;
+        }
     }
-    // One that was only restarted answers a new connection at once.
-    const bool silent = reason.find("does not answer") != std::string::npos;
-    failed(lease->endpoint(), reason, silent);
+    failed(lease->endpoint(), failure.message(), pause);
+}
+
+void Controllers::answered(const Lease& lease) {
+    const tessa::Lock lock(m_mutex);
+    m_health[lease->endpoint().uri()].unfit = 0;
+}
+
+bool Controllers::isDoubtful(const Endpoint& endpoint) {
+    const tessa::Lock lock(m_mutex);
+    return m_health[endpoint.uri()].unfit >= UNFIT_LIMIT;
+}
+
+// A search that every controller answers which answers any.
+void Controllers::probe(Connection& connection) {
+    SearchOptions options;
+    options.sizeLimit = 1;
+    std::vector<tessa::ADObject> objects;
+    connection.search(connection.root().namingContext, "(objectClass=*)", {"1.1"}, options)
+        ->nextPage(objects);
+    const tessa::Lock lock(m_mutex);
+    m_health[connection.endpoint().uri()].unfit = 0;
 }
 
 void Controllers::failed(const Endpoint& endpoint, const std::string& reason, bool pause) {
@@ -217,7 +242,8 @@ void Controllers::failed(const Endpoint& endpoint, const std::string& reason, bo
               "Domain controller %s cannot be used: %s", endpoint.host.c_str(), reason.c_str());
 }
 
-void Controllers::succeeded(const Candidate& candidate, const Connection& connection) {
+void Controllers::succeeded(const Candidate& candidate, const Connection& connection,
+                            const Epoch& epoch) {
     {
         const tessa::Lock lock(m_mutex);
         Health& health = m_health[candidate.endpoint.uri()];
@@ -228,17 +254,22 @@ void Controllers::succeeded(const Candidate& candidate, const Connection& connec
         health.failing = false;
         health.retry = Deadline();
     }
-    pin(candidate, connection.server());
+    pin(candidate, connection.server(), epoch);
     checkClock(connection);
 }
 
-void Controllers::pin(const Candidate& candidate, const std::string& server) {
+void Controllers::pin(const Candidate& candidate, const std::string& server, const Epoch& epoch) {
     std::vector<Idle> idle;
     const tessa::Lock lock(m_mutex);
-    if (m_isPinned && m_pinned.endpoint == candidate.endpoint) {
+    const bool same = m_isPinned && m_pinned.endpoint == candidate.endpoint;
+    if (!same || epoch.number > m_pinnedEpoch) {
+        idle.swap(m_idle); // to another controller, or of another life of this one
+    }
+    // Numbers of one server only rise: the lower one was found out earlier.
+    m_pinnedEpoch = same ? std::max(m_pinnedEpoch, epoch.number) : epoch.number;
+    if (same) {
         return;
     }
-    idle.swap(m_idle);
     m_isPinned = true;
     m_pinned = candidate;
     m_pinnedSince = Clock::now();

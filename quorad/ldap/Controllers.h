@@ -18,11 +18,11 @@ namespace quorad::ldap {
 
 /// The controllers of the domain, and open connections to the one that is asked: the pinned one.
 ///
-/// All questions go to the pinned controller as long as it answers; when it does not, the next one
-/// in the order of preference takes its place. A preferred one that answers again gets its place
-/// back, but not while a search is open or within a pass of a client over its maps, and not more
-/// often than the configuration says. Each change is logged once. Thread-safe; the mutex is not
-/// held while a controller is asked.
+/// All questions go to the pinned controller as long as it answers; when it does not, or sends one
+/// search after the other away, the next one in the order of preference takes its place. A
+/// preferred one that answers again gets its place back, but not while a search is open or within a
+/// pass of a client over its maps, and not more often than the configuration says. Each change is
+/// logged once. Thread-safe; the mutex is not held while a controller is asked.
 class Controllers {
 public:
     using Clock = std::chrono::steady_clock;
@@ -55,8 +55,10 @@ public:
     /// A connection to the pinned controller, a new one if need be.
     /// @throws tessa::IPCException when no controller can be asked
     Lease lease(Deadline deadline);
-    /// A question over that connection failed because the controller does not answer.
-    void lost(const Lease& lease, const std::string& reason);
+    /// A question over that connection failed because of the controller.
+    void lost(const Lease& lease, const ConnectionLost& failure);
+    /// A page of a search came.
+    void answered(const Lease& lease);
     /// Reads the root object. Finds out whether the controller was restored meanwhile; such a one
     /// is a new epoch of its numbers, and the lease must not be used any more.
     RootObject readRoot(Lease& lease);
@@ -75,6 +77,7 @@ private:
         std::string reason;
         Deadline retry; ///< not asked again before
         bool skewed = false;
+        unsigned unfit = 0; ///< so many questions in a row were sent away
     };
     struct Idle {
         std::unique_ptr<Connection> connection;
@@ -89,9 +92,11 @@ private:
     void locate(Deadline deadline);
     Lease leaseFrom(const Candidate& candidate, Deadline deadline);
     Epoch checkEpoch(Connection& connection);
-    void succeeded(const Candidate& candidate, const Connection& connection);
+    void succeeded(const Candidate& candidate, const Connection& connection, const Epoch& epoch);
     void failed(const Endpoint& endpoint, const std::string& reason, bool pause);
-    void pin(const Candidate& candidate, const std::string& server);
+    void pin(const Candidate& candidate, const std::string& server, const Epoch& epoch);
+    bool isDoubtful(const Endpoint& endpoint);
+    void probe(Connection& connection);
     void checkClock(const Connection& connection);
     void checkTickets();
     bool mayGoBack(std::vector<Candidate>& preferred);
@@ -107,6 +112,7 @@ private:
     Deadline m_located KARST_GUARDED_BY(m_mutex);
     bool m_isPinned KARST_GUARDED_BY(m_mutex) = false;
     Candidate m_pinned KARST_GUARDED_BY(m_mutex);
+    std::int64_t m_pinnedEpoch KARST_GUARDED_BY(m_mutex) = 0;
     Deadline m_pinnedSince KARST_GUARDED_BY(m_mutex);
     Deadline m_lastGoBack KARST_GUARDED_BY(m_mutex);
     Deadline m_activity KARST_GUARDED_BY(m_mutex);

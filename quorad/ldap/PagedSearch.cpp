@@ -38,7 +38,10 @@ int PagedSearch::start() {
     berval cookie{};
     cookie.bv_len = m_cookie.size();
     cookie.bv_val = m_cookie.data();
-    unsigned size = m_options.pageSize == 0 ? m_connection.m_settings.pageSize : m_options.pageSize;
+    unsigned size = m_connection.m_settings.pageSize;
+    if (m_options.pageSize != 0) {
+        size = std::min(size, m_options.pageSize);
+    }
     if (m_options.sizeLimit != 0) {
         size = std::min<unsigned>(size, m_options.sizeLimit - static_cast<unsigned>(m_count));
     }
@@ -81,9 +84,6 @@ bool PagedSearch::nextPage(std::vector<tessa::ADObject>& objects) {
         m_more = false;
         throw;
     }
-    for (std::size_t i = before; m_options.wholeRanges && i < objects.size(); ++i) {
-        m_connection.completeRanges(objects[i], m_options.showDeleted);
-    }
     m_count += objects.size() - before;
     if (m_options.sizeLimit != 0 && m_count >= m_options.sizeLimit) {
         m_more = false;
@@ -116,8 +116,8 @@ void PagedSearch::readResult(LDAPMessage* result) {
     const std::unique_ptr<LDAPControl*, void (*)(LDAPControl**)> owner(controls,
                                                                        ::ldap_controls_free);
     if (parsed != LDAP_SUCCESS || code != LDAP_SUCCESS) {
-        m_connection.fail(parsed != LDAP_SUCCESS ? parsed : code,
-                          "search below '" + m_base + "' for '" + m_filter + "'", m_base);
+        m_connection.failQuestion(parsed != LDAP_SUCCESS ? parsed : code,
+                                  "search below '" + m_base + "' for '" + m_filter + "'", m_base);
     }
     m_cookie.clear();
     LDAPControl* const page = ::ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, controls, nullptr);

@@ -25,6 +25,7 @@ void Query::start(const std::string& base, const std::string& filter,
 bool Query::nextPage(std::vector<tessa::ADObject>& objects) {
     try {
         const bool more = ask([&](Connection&) { return m_search->nextPage(objects); });
+        m_controllers.answered(m_lease);
         if (!more) {
             m_search.reset();
         }

@@ -33,7 +33,7 @@ public:
         try {
             return question(*m_lease);
         } catch (const ConnectionLost& e) {
-            m_controllers.lost(m_lease, e.message());
+            m_controllers.lost(m_lease, e);
             throw;
         }
     }

@@ -1,5 +1,6 @@
 #include "SearchCursors.h"
 
+#include "../Pager.h"
 #include "../Reporter.h"
 #include "Text.h"
 
@@ -23,6 +24,8 @@ constexpr std::chrono::seconds SLICE(10); // a call that found nothing yet ends 
 constexpr std::int64_t SMALL_MAP = 20000;
 constexpr std::int64_t DAY = 86400;
 constexpr std::size_t GONE_PAGE = 1000;
+constexpr std::size_t MANY = 200; // entries that are not put in their places one by one
+constexpr unsigned FEW = 50;      // objects of a page that may each have a part of very many values
 
 // Moves up to `limit` objects from one to the other.
 void deliver(std::deque<tessa::ADObject>& ready, std::vector<tessa::ADObject>& items,
@@ -30,6 +33,13 @@ void deliver(std::deque<tessa::ADObject>& ready, std::vector<tessa::ADObject>& i
     const auto count = static_cast<std::ptrdiff_t>(std::min(limit, ready.size()));
     std::move(ready.begin(), ready.begin() + count, std::back_inserter(items));
     ready.erase(ready.begin(), ready.begin() + count);
+}
+
+bool mayBeLarge(const std::vector<std::string>& attributes) {
+    return std::any_of(attributes.begin(), attributes.end(), [](const std::string& name) {
+        Range range;
+        return name == "*" || parseRange(name, range);
+    });
 }
 
 std::string usnFilter(const std::string& rest, std::int64_t from, std::int64_t to) {
@@ -54,10 +64,14 @@ boost::shared_ptr<tessa::Logger> logger() {
 
 PlainCursor::PlainCursor(Controllers& controllers, const SearchRequest& request,
                          Controllers::Deadline deadline)
-    : m_query(controllers, deadline) {
-    m_query.start(request.base, shiftUsn(request.filter, -m_query.epoch().shift),
-                  askedAttributes(request.attributes, request.allAttributes),
-                  optionsOf(request.scope, false, request.sizeLimit));
+    : m_query(controllers, deadline),
+      m_attributes(askedAttributes(request.attributes, request.allAttributes)) {
+    SearchOptions options = optionsOf(request.scope, false, request.sizeLimit);
+    if (mayBeLarge(m_attributes)) {
+        options.pageSize = FEW;
+    }
+    m_query.start(request.base, shiftUsn(request.filter, -m_query.epoch().shift), m_attributes,
+                  options);
     readPage();
 }
 
@@ -70,11 +84,26 @@ void PlainCursor::readPage() {
     }
 }
 
+void PlainCursor::complete(tessa::ADObject& object) {
+    m_query.ask([&](Connection& connection) {
+        connection.complete(object, m_attributes);
+        return true;
+    });
+}
+
 bool PlainCursor::nextPage(std::vector<tessa::ADObject>& items, std::size_t limit) {
     if (m_ready.empty() && m_more) {
         readPage();
     }
-    deliver(m_ready, items, limit);
+    std::size_t bytes = 0;
+    while (!m_ready.empty() && limit > 0 && bytes < PAGE_BYTES) {
+        tessa::ADObject object = std::move(m_ready.front());
+        m_ready.pop_front();
+        complete(object);
+        bytes += tessa::messages::encodedSize(object);
+        items.push_back(std::move(object));
+        --limit;
+    }
     return !m_ready.empty() || m_more;
 }
 
@@ -156,6 +185,7 @@ void EntryCursor::begin(Phase phase) {
             return begin(Phase::GONE);
         }
         m_mark = m_store.mark();
+        m_present.emplace(m_store.folder());
         m_query.start(m_baseDn, "(objectClass=*)", {"objectGUID"},
                       optionsOf(LDAP_SCOPE_ONELEVEL, false));
     } else if (m_phase == Phase::DELETED) {
@@ -214,7 +244,7 @@ void EntryCursor::compare() {
     std::vector<tessa::ADObject> page;
     const bool more = m_query.nextPage(page);
     for (const tessa::ADObject& object : page) {
-        m_present.push_back(toBytes(object.guid()));
+        m_present->add(toBytes(object.guid()));
     }
     if (!more) {
         finishCompare();
@@ -223,12 +253,12 @@ void EntryCursor::compare() {
 }
 
 void EntryCursor::finishCompare() {
-    std::sort(m_present.begin(), m_present.end(), isBefore);
+    m_present->sort();
     const std::size_t count = m_store.compare(
-        m_base, m_query.epoch().number, m_root.usn + m_query.epoch().shift, m_mark, m_present);
+        m_base, m_query.epoch().number, m_root.usn + m_query.epoch().shift, m_mark, *m_present);
     KARST_LOG(logger(), tessa::LOG_DEBUGGING, "Compared '%s': %zu objects, %zu gone",
-              m_baseDn.c_str(), m_present.size(), count);
-    m_present = {};
+              m_baseDn.c_str(), m_present->size(), count);
+    m_present.reset();
 }
 
 void EntryCursor::gone() {
@@ -264,15 +294,20 @@ void EntryCursor::entries() {
         m_ready.push_back(std::move(object));
     }
     // Before the client is told of them: it may keep what it has when the search fails later.
-    m_store.add(m_base, guids);
+    if (guids.size() < MANY) {
+        m_store.add(m_base, guids);
+    } else {
+        m_store.addMany(m_base, guids);
+    }
     if (more) {
         return;
     }
     m_phase = Phase::DONE;
     if (!m_range.hasLower) {
         m_store.setRead(m_base, m_query.epoch().number, m_root.usn + m_query.epoch().shift);
-        m_store.lowerMovesSeen(m_query.server(), m_query.epoch(), m_root.usn);
     }
+    // Another search may have looked through moves of these that came before they were known.
+    m_store.lowerMovesSeen(m_query.server(), m_query.epoch(), m_root.usn);
 }
 
 } // namespace quorad::ldap

@@ -6,12 +6,14 @@
 
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace quorad::ldap {
 
-/// A search that is passed on to the controller as it is.
+/// A search that is passed on to the controller as it is. Attributes of which the controller
+/// delivers a part are completed one object at a time.
 class PlainCursor : public ObjectCursor {
 public:
     /// Reads the first page.
@@ -21,8 +23,10 @@ public:
 
 private:
     void readPage();
+    void complete(tessa::ADObject& object);
 
     Query m_query;
+    const std::vector<std::string> m_attributes; ///< asked for
     std::deque<tessa::ADObject> m_ready;
     bool m_more = true;
 };
@@ -78,7 +82,7 @@ private:
     bool m_readable = false;
     Phase m_phase = Phase::ENTRIES;
     std::int64_t m_mark = 0;
-    std::vector<GuidBytes> m_present; ///< while comparing
+    std::optional<GuidRuns> m_present; ///< while comparing
     std::string m_lastGone;
     std::deque<tessa::ADObject> m_ready;
     std::size_t m_left;

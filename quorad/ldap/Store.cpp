@@ -1,6 +1,7 @@
 #include "Store.h"
 
 #include "../Reporter.h"
+#include "StoreStatements.h"
 
 #include <karst/DN.h>
 #include <karst/Exceptions.h>
@@ -37,6 +38,11 @@ constexpr const char* SCHEMA =
     "CREATE TABLE mark(value INTEGER NOT NULL);"
     "INSERT INTO mark VALUES(1);";
 
+// Objects of large readings in the order in which they came, until they are put in their places:
+// GUIDs have no order, so that each would change another page of the file.
+constexpr const char* TOLD = "CREATE TABLE IF NOT EXISTS told(base INTEGER NOT NULL,"
+                             " guid BLOB NOT NULL, mark INTEGER NOT NULL)";
+
 std::int64_t pragma(sqlite::Database& database, const char* sql) {
     sqlite::Statement statement(database, sql);
     const sqlite::ScopedReset reset(statement);
@@ -59,63 +65,8 @@ void removeFiles(const std::string& path) {
 
 } // namespace
 
-GuidBytes toBytes(std::string_view guid) {
-    GuidBytes bytes{};
-    std::copy_n(guid.begin(), std::min(guid.size(), bytes.size()), bytes.begin());
-    return bytes;
-}
-
-bool isBefore(const GuidBytes& a, const GuidBytes& b) {
-    return toView(a) < toView(b); // as bytes, like the database
-}
-
-/// Kept for the life of the database.
-struct Store::Statements {
-    explicit Statements(sqlite::Database& d)
-        : server(d, "SELECT invocation, usn, epoch, shift, moves FROM server WHERE name = ?"),
-          putServer(d, "INSERT OR REPLACE INTO server(name, invocation, usn, epoch, shift, moves,"
-                       " seen) VALUES(?, ?, ?, ?, ?, ?, ?)"),
-          setUsn(d, "UPDATE server SET usn = max(usn, ?), seen = ? WHERE name = ?"),
-          setIdentity(d, "UPDATE server SET invocation = ? WHERE name = ?"),
-          setMoves(d, "UPDATE server SET moves = ? WHERE name = ? AND epoch = ?"),
-          base(d, "SELECT id, epoch, compared, usn, count FROM base WHERE server = ? AND dn = ?"),
-          addBase(d, "INSERT INTO base(server, dn, epoch, compared, usn, count)"
-                     " VALUES(?, ?, -1, 0, 0, 0)"),
-          setBase(d, "UPDATE base SET epoch = ?, compared = ?, usn = ? WHERE id = ?"),
-          count(d, "UPDATE base SET count = count + ? WHERE id = ?"),
-          bases(d, "SELECT id, dn FROM base WHERE server = ?"),
-          add(d, "INSERT INTO known(base, guid, mark) VALUES(?, ?, ?) ON CONFLICT DO UPDATE SET"
-                 " mark = excluded.mark"),
-          isKnown(d, "SELECT 1 FROM known WHERE base = ? AND guid = ?"),
-          known(d, "SELECT guid FROM known WHERE base = ? AND mark <= ? ORDER BY guid"),
-          forget(d, "DELETE FROM known WHERE base = ? AND guid = ?"),
-          putGone(d, "INSERT OR REPLACE INTO gone(base, guid, usn, time) VALUES(?, ?, ?, ?)"),
-          dropGone(d, "DELETE FROM gone WHERE base = ? AND guid = ?"),
-          gone(d, "SELECT guid, usn FROM gone WHERE base = ? AND guid > ? AND usn >= ?"
-                  " ORDER BY guid LIMIT ?"),
-          mark(d, "SELECT value FROM mark"), nextMark(d, "UPDATE mark SET value = value + 1") {}
-
-    bool isKnownIn(std::int64_t id, std::string_view guid) {
-        isKnown.bind(1, id).bind(2, guid);
-        const sqlite::ScopedReset reset(isKnown);
-        return isKnown.step();
-    }
-    std::int64_t markNow() {
-        const sqlite::ScopedReset reset(mark);
-        return mark.step() ? mark.number(0) : 0;
-    }
-    void setGone(std::int64_t id, std::string_view guid, std::int64_t usn) {
-        forget.bind(1, id).bind(2, guid).run();
-        putGone.bind(1, id).bind(2, guid).bind(3, usn).bind(4, std::int64_t{std::time(nullptr)});
-        putGone.run();
-        count.bind(1, std::int64_t{-1}).bind(2, id).run();
-    }
-
-    sqlite::Statement server, putServer, setUsn, setIdentity, setMoves, base, addBase, setBase,
-        count, bases, add, isKnown, known, forget, putGone, dropGone, gone, mark, nextMark;
-};
-
-Store::Store(std::string path, bool discard) : m_path(std::move(path)) {
+Store::Store(std::string path, bool discard)
+    : m_path(std::move(path)), m_folder(m_path.substr(0, m_path.rfind('/'))) {
     const tessa::Lock lock(m_mutex);
     open(discard);
 }
@@ -145,6 +96,7 @@ void Store::open(bool discard) {
                 TESSA_THROW(sqlite::Damaged, "'" + m_path + "' is damaged or not ours");
             }
             check.reset();
+            m_database->execute(TOLD);
             m_statements = std::make_unique<Statements>(*m_database);
         } catch (const tessa::DBException& e) {
             const auto logger = tessa::Logger::get(LOGGER_NAME);
@@ -166,6 +118,7 @@ void Store::open(bool discard) {
         "; DELETE FROM server WHERE seen < " + std::to_string(std::time(nullptr) - KEPT_SECONDS) +
         "; DELETE FROM base WHERE server NOT IN (SELECT name FROM server)"
         "; DELETE FROM known WHERE base NOT IN (SELECT id FROM base)"
+        "; DELETE FROM told WHERE base NOT IN (SELECT id FROM base)"
         "; DELETE FROM gone WHERE base NOT IN (SELECT id FROM base)";
     m_database->execute(old.c_str());
 }
@@ -184,6 +137,7 @@ void Store::create() {
     m_database->execute("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL");
     sqlite::Transaction transaction(*m_database, "BEGIN IMMEDIATE");
     m_database->execute(SCHEMA);
+    m_database->execute(TOLD);
     const std::string marks = "PRAGMA application_id=" + std::to_string(APPLICATION_ID) +
                               "; PRAGMA user_version=" + std::to_string(FORMAT);
     m_database->execute(marks.c_str());
@@ -220,7 +174,7 @@ template <typename Work> auto Store::guarded(Work work) {
 }
 
 Epoch Store::epoch(const std::string& server, const std::string& invocation, std::int64_t ownUsn,
-                   bool& begun) {
+                   const ServerState& before, bool& begun) {
     return guarded([&](Statements& s) {
         begun = false;
         const std::int64_t now = std::time(nullptr);
@@ -233,8 +187,9 @@ Epoch Store::epoch(const std::string& server, const std::string& invocation, std
             usn = s.server.number(1);
             epoch = {s.server.number(2), s.server.number(3)};
             identity = s.server.bytes(0);
-            begun = ownUsn < usn ||
-                    (!identity.empty() && !invocation.empty() && identity != invocation);
+            const bool isOther = !identity.empty() && !invocation.empty() && identity != invocation;
+            begun = before.known && before.epoch.number == epoch.number &&
+                    (ownUsn < before.usn || isOther);
         }
         s.server.reset();
         if (isKnown && !begun) {
@@ -256,16 +211,19 @@ Epoch Store::epoch(const std::string& server, const std::string& invocation, std
     });
 }
 
-std::int64_t Store::lastUsn(const std::string& server) {
+ServerState Store::state(const std::string& server) {
     return guarded([&](Statements& s) {
         s.server.bind(1, server);
         const sqlite::ScopedReset reset(s.server);
-        return s.server.step() ? s.server.number(1) : 0;
+        if (!s.server.step()) {
+            return ServerState();
+        }
+        return ServerState{true, {s.server.number(2), s.server.number(3)}, s.server.number(1)};
     });
 }
 
 void Store::raiseUsn(const std::string& server, std::int64_t ownUsn) {
-    if (ownUsn > lastUsn(server)) {
+    if (ownUsn > state(server).usn) {
         guarded([&](Statements& s) {
             s.setUsn.bind(1, ownUsn).bind(2, std::int64_t{std::time(nullptr)}).bind(3, server);
             s.setUsn.run();
@@ -276,6 +234,7 @@ void Store::raiseUsn(const std::string& server, std::int64_t ownUsn) {
 TrackedBase Store::base(const std::string& server, const std::string& dn) {
     const std::string name = tessa::DN::normalize(dn);
     return guarded([&](Statements& s) {
+        s.settle();
         for (int attempt = 0;; ++attempt) {
             s.base.bind(1, server).bind(2, name);
             const sqlite::ScopedReset reset(s.base);
@@ -296,6 +255,7 @@ void Store::add(const TrackedBase& base, const std::vector<std::string>& guids) 
         return;
     }
     guarded([&](Statements& s) {
+        s.settle();
         s.nextMark.run();
         const std::int64_t mark = s.markNow();
         std::int64_t added = 0;
@@ -308,8 +268,19 @@ void Store::add(const TrackedBase& base, const std::vector<std::string>& guids) 
     });
 }
 
+void Store::addMany(const TrackedBase& base, const std::vector<std::string>& guids) {
+    guarded([&](Statements& s) {
+        s.nextMark.run();
+        const std::int64_t mark = s.markNow();
+        for (const std::string& guid : guids) {
+            s.tell.bind(1, base.id).bind(2, guid).bind(3, mark).run();
+        }
+    });
+}
+
 void Store::setRead(const TrackedBase& base, std::int64_t epoch, std::int64_t usn) {
     guarded([&](Statements& s) {
+        s.settle();
         s.setBase.bind(1, epoch).bind(2, std::int64_t{std::time(nullptr)}).bind(3, usn);
         s.setBase.bind(4, base.id).run();
     });
@@ -320,34 +291,47 @@ std::int64_t Store::mark() {
 }
 
 std::size_t Store::compare(const TrackedBase& base, std::int64_t epoch, std::int64_t usn,
-                           std::int64_t mark, const std::vector<GuidBytes>& present) {
+                           std::int64_t mark, GuidRuns& present) {
     return guarded([&](Statements& s) {
-        std::vector<GuidBytes> missing;
-        auto there = present.begin();
-        s.known.bind(1, base.id).bind(2, mark);
-        while (s.known.step()) {
-            const GuidBytes guid = toBytes(s.known.bytes(0));
-            there = std::lower_bound(there, present.end(), guid, isBefore);
-            if (there == present.end() || *there != guid) {
-                missing.push_back(guid);
-            }
-        }
-        for (const GuidBytes& guid : missing) {
-            s.setGone(base.id, toView(guid), usn);
-        }
+        s.settle();
         s.nextMark.run();
         const std::int64_t added = s.markNow();
+        std::size_t missing = 0;
         std::int64_t fresh = 0;
-        for (const GuidBytes& guid : present) {
-            if (!s.isKnownIn(base.id, toView(guid))) {
-                s.add.bind(1, base.id).bind(2, toView(guid)).bind(3, added).run();
+        GuidBytes there{};
+        bool more = present.next(there);
+        const auto isPresent = [&] {
+            if (!s.isKnownIn(base.id, toView(there))) {
+                s.add.bind(1, base.id).bind(2, toView(there)).bind(3, added).run();
+                s.dropGone.bind(1, base.id).bind(2, toView(there)).run();
                 ++fresh;
             }
+            more = present.next(there);
+        };
+        s.known.bind(1, base.id).bind(2, mark);
+        const sqlite::ScopedReset reset(s.known);
+        // Both in the same order. What is written meanwhile lies behind the place in the database
+        // or is newer than the mark.
+        while (s.known.step()) {
+            const GuidBytes guid = toBytes(s.known.bytes(0));
+            while (more && isBefore(there, guid)) {
+                isPresent();
+            }
+            if (!more || there != guid) {
+                s.setGone(base.id, toView(guid), usn);
+                ++missing;
+            }
+            while (more && there == guid) {
+                more = present.next(there);
+            }
+        }
+        while (more) {
+            isPresent();
         }
         s.count.bind(1, fresh).bind(2, base.id).run();
         s.setBase.bind(1, epoch).bind(2, std::int64_t{std::time(nullptr)}).bind(3, usn);
         s.setBase.bind(4, base.id).run();
-        return missing.size();
+        return missing;
     });
 }
 
@@ -357,6 +341,7 @@ void Store::setPlaces(const std::string& server, const std::vector<Place>& place
         return;
     }
     guarded([&](Statements& s) {
+        s.settle();
         std::vector<std::pair<std::int64_t, std::string>> bases;
         s.bases.bind(1, server);
         while (s.bases.step()) {
@@ -376,6 +361,7 @@ void Store::setPlaces(const std::string& server, const std::vector<Place>& place
 std::vector<GoneObject> Store::gone(const TrackedBase& base, std::int64_t fromUsn,
                                     const std::string& after, std::size_t limit) {
     return guarded([&](Statements& s) {
+        s.settle();
         std::vector<GoneObject> objects;
         s.gone.bind(1, base.id).bind(2, after).bind(3, fromUsn);
         s.gone.bind(4, static_cast<std::int64_t>(limit));

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "../ldif/Sqlite.h"
+#include "GuidRuns.h"
 
 #include <karst/Mutex.h>
 
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -30,12 +30,12 @@ struct TrackedBase {
     std::int64_t count = 0; ///< objects known
 };
 
-/// The raw bytes of a GUID, as many of them are kept in memory.
-using GuidBytes = std::array<char, 16>;
-
-GuidBytes toBytes(std::string_view guid);
-/// The order in which comparisons need them.
-bool isBefore(const GuidBytes& a, const GuidBytes& b);
+/// What is known of a server.
+struct ServerState {
+    bool known = false;
+    Epoch epoch;
+    std::int64_t usn = 0; ///< the highest own number that was seen
+};
 
 /// An object that is not in its container any more.
 struct GoneObject {
@@ -60,14 +60,18 @@ public:
     Store(const Store&) = delete;
     Store& operator=(const Store&) = delete;
 
+    /// The folder of the file: there is room for others.
+    const std::string& folder() const { return m_folder; }
+
     /// The epoch of a server that now shows this identity and sequence number of its own. A number
     /// below the one that it had, or another identity, begins a new epoch.
     /// @param invocation empty: not known, which is no other identity
+    /// @param before what state() said before the server was asked for either: what others learn
+    ///        meanwhile, who ask it later, proves nothing
     /// @param begun set when it did
     Epoch epoch(const std::string& server, const std::string& invocation, std::int64_t ownUsn,
-                bool& begun);
-    /// The highest own number that was seen of the server; 0 when it is not known.
-    std::int64_t lastUsn(const std::string& server);
+                const ServerState& before, bool& begun);
+    ServerState state(const std::string& server);
 
     /// The server showed this number of its own; lower ones than before change nothing.
     void raiseUsn(const std::string& server, std::int64_t ownUsn);
@@ -75,16 +79,18 @@ public:
     TrackedBase base(const std::string& server, const std::string& dn);
     /// Clients are told that these are in the container.
     void add(const TrackedBase& base, const std::vector<std::string>& guids);
+    /// The same for many: written down as they come, and put in their places later.
+    void addMany(const TrackedBase& base, const std::vector<std::string>& guids);
     /// The whole container has been read, from this number on.
     void setRead(const TrackedBase& base, std::int64_t epoch, std::int64_t usn);
     /// A mark for compare(): what is added later does not count as missing.
     std::int64_t mark();
     /// Takes those of the container that were known at the mark and are not among the present ones
     /// for gone.
-    /// @param present in the order of isBefore
+    /// @param present ready to be read
     /// @return how many are gone
     std::size_t compare(const TrackedBase& base, std::int64_t epoch, std::int64_t usn,
-                        std::int64_t mark, const std::vector<GuidBytes>& present);
+                        std::int64_t mark, GuidRuns& present);
     /// Where objects lie now: each is gone from every other container of the server.
     struct Place {
         std::string guid;
@@ -111,6 +117,7 @@ private:
     template <typename Work> auto guarded(Work work);
 
     const std::string m_path;
+    const std::string m_folder;
     tessa::Mutex m_mutex;
     std::unique_ptr<sqlite::Database> m_database KARST_GUARDED_BY(m_mutex);
     std::unique_ptr<Statements> m_statements KARST_GUARDED_BY(m_mutex);

@@ -34,6 +34,14 @@ def resident_bytes(pid):
     return int(_read(pid, "statm").split()[1]) * os.sysconf("SC_PAGE_SIZE")
 
 
+def peak_bytes(pid):
+    """The most that was ever resident."""
+    for line in _read(pid, "status").splitlines():
+        if line.startswith(b"VmHWM:"):
+            return int(line.split()[1]) * 1024
+    raise OSError("process %d tells no peak" % pid)
+
+
 def thread_names(pid):
     names = []
     for task in os.listdir("/proc/%d/task" % pid):

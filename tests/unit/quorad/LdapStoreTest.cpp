@@ -35,14 +35,6 @@ std::vector<std::string> guids(int first, int last) {
     return all;
 }
 
-std::vector<GuidBytes> present(int first, int last) {
-    std::vector<GuidBytes> all;
-    for (const std::string& bytes : guids(first, last)) {
-        all.push_back(toBytes(bytes));
-    }
-    return all;
-}
-
 class LdapStore : public testing::Test {
 protected:
     void SetUp() override { open(); }
@@ -52,7 +44,21 @@ protected:
     }
     Epoch epoch(std::int64_t usn, const std::string& invocation = "A",
                 const std::string& server = SERVER) {
-        return store->epoch(server, invocation, usn, begun);
+        return store->epoch(server, invocation, usn, store->state(server), begun);
+    }
+    /// Compares with a container that holds these now.
+    std::size_t compare(const TrackedBase& base, std::int64_t usn,
+                        const std::vector<std::string>& present) {
+        return compare(base, usn, store->mark(), present);
+    }
+    std::size_t compare(const TrackedBase& base, std::int64_t usn, std::int64_t mark,
+                        const std::vector<std::string>& present) {
+        GuidRuns runs(folder.path().string(), 4);
+        for (auto guid = present.rbegin(); guid != present.rend(); ++guid) {
+            runs.add(toBytes(*guid));
+        }
+        runs.sort();
+        return store->compare(base, 0, usn, mark, runs);
     }
     std::vector<std::string> gone(const TrackedBase& base, std::int64_t from) {
         std::vector<std::string> found;
@@ -76,11 +82,11 @@ TEST_F(LdapStore, NumbersThatRiseBelongToOneEpoch) {
         EXPECT_EQ(found.shift, 0);
         EXPECT_FALSE(begun);
     }
-    EXPECT_EQ(store->lastUsn(SERVER), 4000);
-    EXPECT_EQ(store->lastUsn("dc2.example.com"), 0);
+    EXPECT_EQ(store->state(SERVER).usn, 4000);
+    EXPECT_FALSE(store->state("dc2.example.com").known);
     store->raiseUsn(SERVER, 4100);
     store->raiseUsn(SERVER, 4050);
-    EXPECT_EQ(store->lastUsn(SERVER), 4100);
+    EXPECT_EQ(store->state(SERVER).usn, 4100);
 }
 
 TEST_F(LdapStore, LowerNumberBeginsAnEpochAboveAllThatWasSeen) {
@@ -112,6 +118,31 @@ TEST_F(LdapStore, IdentityThatIsHiddenIsNoOtherOne) {
     EXPECT_FALSE(begun);
     epoch(4003, "B");
     EXPECT_TRUE(begun);
+}
+
+// Two connections are made, or questions asked, at once: the answer that is the older one may
+// arrive last.
+TEST_F(LdapStore, OldNewsIsNoRestore) {
+    epoch(100);
+    const ServerState before = store->state(SERVER);
+    store->raiseUsn(SERVER, 103); // by somebody who asked later
+    const Epoch found = store->epoch(SERVER, "A", 101, before, begun);
+    EXPECT_FALSE(begun);
+    EXPECT_EQ(found.number, 0);
+    EXPECT_EQ(store->state(SERVER).usn, 103);
+    EXPECT_EQ(store->movesSeen(SERVER, found, 7), 100);
+}
+
+TEST_F(LdapStore, RestoreIsNoticedOnce) {
+    epoch(100);
+    const ServerState before = store->state(SERVER);
+    const Epoch first = store->epoch(SERVER, "B", 50, before, begun);
+    EXPECT_TRUE(begun);
+    store->raiseUsn(SERVER, 60);
+    const Epoch second = store->epoch(SERVER, "B", 55, before, begun);
+    EXPECT_FALSE(begun);
+    EXPECT_EQ(second.number, first.number);
+    EXPECT_EQ(second.shift, first.shift);
 }
 
 TEST_F(LdapStore, EpochsSurviveARestart) {
@@ -146,14 +177,14 @@ TEST_F(LdapStore, SpellingOfANameDoesNotMatter) {
 TEST_F(LdapStore, ComparisonFindsWhatIsMissing) {
     store->add(hosts(), guids(1, 10));
     const std::int64_t mark = store->mark();
-    EXPECT_EQ(store->compare(hosts(), 0, 500, mark, present(3, 12)), 2U);
+    EXPECT_EQ(compare(hosts(), 500, mark, guids(3, 12)), 2U);
     EXPECT_EQ(gone(hosts(), 500), guids(1, 2));
     EXPECT_EQ(gone(hosts(), 501), std::vector<std::string>());
     EXPECT_EQ(hosts().count, 10);
     EXPECT_EQ(hosts().comparedUsn, 500);
     EXPECT_EQ(hosts().epoch, 0);
-    EXPECT_EQ(store->compare(hosts(), 0, 600, store->mark(), present(3, 12)), 0U);
-    EXPECT_EQ(store->compare(hosts(), 0, 700, store->mark(), {}), 10U);
+    EXPECT_EQ(compare(hosts(), 600, guids(3, 12)), 0U);
+    EXPECT_EQ(compare(hosts(), 700, {}), 10U);
     EXPECT_EQ(hosts().count, 0);
 }
 
@@ -161,16 +192,63 @@ TEST_F(LdapStore, WhatIsAddedDuringAComparisonIsNotMissing) {
     store->add(hosts(), guids(1, 2));
     const std::int64_t mark = store->mark();
     store->add(hosts(), guids(5, 5));
-    EXPECT_EQ(store->compare(hosts(), 0, 500, mark, present(1, 2)), 0U);
+    EXPECT_EQ(compare(hosts(), 500, mark, guids(1, 2)), 0U);
     EXPECT_EQ(hosts().count, 3);
 }
 
 TEST_F(LdapStore, WhatComesBackIsNotGoneAnyMore) {
     store->add(hosts(), guids(1, 3));
-    store->compare(hosts(), 0, 500, store->mark(), present(1, 1));
+    compare(hosts(), 500, guids(1, 1));
     EXPECT_EQ(gone(hosts(), 0), guids(2, 3));
     store->add(hosts(), guids(3, 3));
     EXPECT_EQ(gone(hosts(), 0), guids(2, 2));
+}
+
+TEST_F(LdapStore, ComparisonFindsWhatCameBack) {
+    store->add(hosts(), guids(1, 3));
+    compare(hosts(), 500, guids(1, 1));
+    EXPECT_EQ(compare(hosts(), 600, guids(1, 2)), 0U);
+    EXPECT_EQ(gone(hosts(), 0), guids(3, 3));
+    EXPECT_EQ(hosts().count, 2);
+}
+
+TEST_F(LdapStore, ManyAreKnownAsFewAre) {
+    store->add(hosts(), guids(1, 3));
+    compare(hosts(), 400, guids(1, 2));
+    store->addMany(hosts(), guids(3, 300));
+    store->addMany(hosts(), guids(250, 400)); // some of them once more
+    const TrackedBase other = store->base(SERVER, OTHER);
+    store->addMany(other, guids(7, 7));
+    EXPECT_EQ(hosts().count, 400);
+    EXPECT_TRUE(gone(hosts(), 0).empty());
+    store->addMany(hosts(), guids(401, 401));
+    const std::int64_t mark = store->mark();
+    store->addMany(hosts(), guids(402, 402));
+    EXPECT_EQ(compare(hosts(), 500, mark, guids(2, 400)), 2U);
+    auto both = guids(1, 1);
+    both.push_back(guid(401));
+    std::sort(both.begin(), both.end());
+    EXPECT_EQ(gone(hosts(), 0), both);
+    store->addMany(hosts(), guids(500, 500));
+    store->setPlaces(SERVER, {{guid(500), OTHER}}, 600);
+    EXPECT_EQ(gone(hosts(), 600), guids(500, 500));
+    EXPECT_EQ(store->base(SERVER, OTHER).count, 1);
+}
+
+TEST_F(LdapStore, ManySurviveARestart) {
+    epoch(400);
+    store->addMany(hosts(), guids(1, 300));
+    open();
+    EXPECT_EQ(hosts().count, 300);
+    EXPECT_EQ(compare(hosts(), 500, {}), 300U);
+}
+
+TEST_F(LdapStore, ComparesManyInBothDirections) {
+    store->addMany(hosts(), guids(1, 2000));
+    EXPECT_EQ(compare(hosts(), 500, guids(1001, 3000)), 1000U);
+    EXPECT_EQ(gone(hosts(), 0), guids(1, 1000));
+    EXPECT_EQ(hosts().count, 2000);
+    EXPECT_EQ(compare(hosts(), 600, guids(1001, 3000)), 0U);
 }
 
 TEST_F(LdapStore, MovedObjectsAreGoneFromWhereTheyWere) {
@@ -193,7 +271,7 @@ TEST_F(LdapStore, MovedObjectsAreGoneFromWhereTheyWere) {
 
 TEST_F(LdapStore, GoneObjectsComeInPages) {
     store->add(hosts(), guids(1, 25));
-    store->compare(hosts(), 0, 500, store->mark(), {});
+    compare(hosts(), 500, {});
     std::vector<std::string> found;
     std::string after;
     for (;;) {
