@@ -3,6 +3,7 @@
 
 #include <karst/Text.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -55,8 +56,9 @@ Connection::Connection(const Settings& settings, const Endpoint& endpoint, Kerbe
         if (m_settings.startTls && !m_endpoint.tls) {
             startTls();
         }
-        // Before any secret is sent, and before Kerberos is asked: whether somebody is there.
-        readRoot();
+        // Before any secret is sent, and before Kerberos is asked: whether somebody is there, and
+        // what time it is there.
+        m_root = readRoot();
         bind(kerberos);
         m_root = readRoot();
     } catch (...) {
@@ -156,8 +158,29 @@ void Connection::finishBind(int message, const std::string& what) {
     }
 }
 
+std::shared_ptr<const Ticket> Connection::ticketOf(Kerberos& kerberos) const {
+    try {
+        return kerberos.ticket();
+    } catch (const tessa::IPCException& e) {
+        TESSA_THROW(tessa::IPCException, e.message() + clockNote(e.message()));
+    }
+}
+
+// Which clock is ahead, for messages about clocks. In minutes: the text must stay the same while
+// nothing changes.
+std::string Connection::clockNote(const std::string& failure) const {
+    constexpr long MINUTE = 60;
+    const long seconds = m_root.time - std::time(nullptr);
+    const long minutes = (std::labs(seconds) + MINUTE / 2) / MINUTE;
+    if (!isClockFailure(failure) || m_root.time == 0 || minutes == 0) {
+        return "";
+    }
+    return " (that of " + m_root.server + " is " + std::to_string(minutes) + " minutes " +
+           (seconds > 0 ? "ahead" : "behind") + ")";
+}
+
 void Connection::bindSasl(Kerberos& kerberos) {
-    const auto ticket = kerberos.ticket();
+    const auto ticket = ticketOf(kerberos);
     ticket->use();
     const std::string what = "bind as '" + m_settings.principal + "'";
     const bool tls = m_endpoint.tls || m_settings.startTls;
@@ -180,7 +203,7 @@ void Connection::bindSasl(Kerberos& kerberos) {
         advice = "this controller takes tickets only without TLS, where everything is sealed all "
                  "the same: use ldap:// without StartTLS";
     }
-    text += advice.empty() ? "" : "; " + advice;
+    text += advice.empty() ? "" : "; " + advice + clockNote(text);
     if (code == LDAP_SERVER_DOWN || code == LDAP_TIMEOUT) {
         TESSA_THROW(ConnectionLost, text);
     }

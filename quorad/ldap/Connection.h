@@ -145,6 +145,8 @@ private:
     void bind(Kerberos* kerberos);
     void bindSimple();
     void bindSasl(Kerberos& kerberos);
+    std::shared_ptr<const Ticket> ticketOf(Kerberos& kerberos) const;
+    std::string clockNote(const std::string& failure) const;
     int negotiate(const char* properties, const std::string& what);
     void finishBind(int message, const std::string& what);
     RootObject toRoot(const tessa::ADObject& object) const;

@@ -18,7 +18,7 @@ namespace quorad::ldap {
 namespace {
 
 constexpr std::time_t RENEW_BEFORE_END = 600;
-constexpr std::time_t PAUSE_AFTER_REFUSAL = 30;
+constexpr std::chrono::seconds PAUSE_AFTER_REFUSAL(30);
 
 /// The library's context and what was made with it.
 class Session {
@@ -174,7 +174,7 @@ std::shared_ptr<const Ticket> Kerberos::ticket() {
     if (m_ticket && same && time < m_ticket->end() - RENEW_BEFORE_END) {
         return m_ticket;
     }
-    if (m_refusedStamp == now && time < m_refusedUntil) {
+    if (m_refusedStamp == now && std::chrono::steady_clock::now() < m_refusedUntil) {
         TESSA_THROW(tessa::IPCException, m_refusal);
     }
     m_ticket.reset();
@@ -195,7 +195,7 @@ std::shared_ptr<const Ticket> Kerberos::ticket() {
         if (isRefusal(code)) {
             m_refusal = text;
             m_refusedStamp = now;
-            m_refusedUntil = std::time(nullptr) + PAUSE_AFTER_REFUSAL;
+            m_refusedUntil = std::chrono::steady_clock::now() + PAUSE_AFTER_REFUSAL;
         }
         TESSA_THROW(tessa::IPCException, text);
     }
@@ -216,9 +216,14 @@ void Kerberos::forget(const std::shared_ptr<const Ticket>& ticket) {
     }
 }
 
+bool isClockFailure(const std::string& text) {
+    const auto has = [&](const char* part) { return text.find(part) != std::string::npos; };
+    return has("Clock skew") || has("clock skew") || has("not yet valid");
+}
+
 std::string kerberosAdvice(const std::string& text) {
     const auto has = [&](const char* part) { return text.find(part) != std::string::npos; };
-    if (has("Clock skew") || has("clock skew") || has("not yet valid")) {
+    if (isClockFailure(text)) {
         return "the clocks of this machine and of the domain differ by too much: set them by one "
                "time source";
     }

@@ -2,6 +2,7 @@
 
 #include <karst/Mutex.h>
 
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <memory>
@@ -67,9 +68,11 @@ private:
     Stamp m_stamp KARST_GUARDED_BY(m_mutex); ///< of the keytab that gave the ticket
     std::string m_refusal KARST_GUARDED_BY(m_mutex);
     Stamp m_refusedStamp KARST_GUARDED_BY(m_mutex);
-    std::time_t m_refusedUntil KARST_GUARDED_BY(m_mutex) = 0;
+    std::chrono::steady_clock::time_point m_refusedUntil KARST_GUARDED_BY(m_mutex);
 };
 
+/// Whether the failure that Kerberos describes so comes from clocks that differ.
+bool isClockFailure(const std::string& text);
 /// What an administrator can do about a failure that Kerberos describes so; empty when that is not
 /// known.
 std::string kerberosAdvice(const std::string& text);

@@ -1,8 +1,10 @@
 """Controllers that stop, hang or do not let the machine in: a clear message each time, clients are
 served from the caches throughout, and everything goes on by itself afterwards."""
 
+import glob
 import os
 import time
+import unittest
 
 import adlab
 import adtest
@@ -142,14 +144,52 @@ class Outage(adtest.AdTest):
         self.quorad.wait_log("answers again")
         self.goes_on()
 
-    def test_clock_skewed(self):
+    # What Kerberos says of clocks that differ, and what quorad adds.
+    SKEW = (r"Clock skew too great; the clocks of this machine and of the domain differ by too "
+            r"much: set them by one time source \(that of dc1\.ad\.example\.com is 20 minutes %s\)")
+
+    @staticmethod
+    def believe_own_clock():
+        """Kerberos takes the time of the domain for its own otherwise."""
+        with open("/etc/krb5.conf", "a") as file:
+            file.write("  kdc_timesync = 0\n")
+
+    def test_clock_of_the_controller(self):
         self.lab.dc1.stop()
         self.lab.dc1.start(clock="+20m")
         self.quorad.stop()
         self.start_quorad()
         self.quorad.wait_log("[Tt]he clocks of this machine and of")
         self.still_served()
+        self.quorad.stop()
+        self.believe_own_clock()
+        self.start_quorad()
+        self.quorad.wait_log("warning.*" + self.SKEW % "ahead")
+        self.refresh_fails()
+        self.refresh_fails()
+        self.assertEqual(len(self.quorad.find("warning.*Domain controller.*Clock skew")), 1)
         self.lab.dc1.restart()
+        self.goes_on()
+
+    @unittest.skipIf(nistest.SLOW > 1, "sanitizers and a changed clock want to be loaded first")
+    def test_clock_of_this_machine(self):
+        """It is set wrong, and right again, under a running quorad."""
+        self.quorad.stop()
+        self.believe_own_clock()
+        adlab.write("/run/clock", "+0\n")
+        library, = glob.glob("/usr/lib/*/faketime/libfaketimeMT.so.1")
+        self.quorad = self.start("quorad", [nistest.program("quorad"), "-d"], {
+            "LD_PRELOAD": library, "FAKETIME_TIMESTAMP_FILE": "/run/clock",
+            "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1",
+            "DONT_FAKE_MONOTONIC": "1"})
+        self.quorad.wait_log("is asked from now on")
+        mark = self.quorad.log_size()
+        adlab.write("/run/clock", "+20m\n")
+        self.lab.dc1.restart()  # open connections end
+        self.quorad.wait_log("warning.*" + self.SKEW % "behind", mark)
+        self.refresh_fails()
+        adlab.write("/run/clock", "+0\n")
+        self.quorad.wait_log("answers again", mark)
         self.goes_on()
 
 
