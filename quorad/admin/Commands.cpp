@@ -296,19 +296,48 @@ ExitStatus Commands::carryOut(const std::string& map, const Plan& plan, std::siz
     return ExitStatus::SUCCESS;
 }
 
+// Names the entries that an import would take for something else.
+// False when there are such, and another format has none.
+bool Commands::checkExport(const std::vector<Entry>& entries, Format format) {
+    bool good = true;
+    for (const Entry& entry : entries) {
+        if (readsBack(entry.key, entry.value, format)) {
+            continue;
+        }
+        if (!readsBack(entry.key, entry.value, Format::TABBED)) {
+            TESSA_THROW(tessa::BadDataException,
+                        "entry '" + tessa::printable(entry.key) +
+                            "' cannot be told in a line: its key has a tab, or it has a line feed");
+        }
+        say("Entry '" + tessa::printable(entry.key) +
+            "' would not be read as the same from this form");
+        good = false;
+    }
+    return good;
+}
+
 ExitStatus Commands::exportMap() {
     requireWords(2);
     const std::string& map = m_options.words[1];
+    const Format format = m_options.format.value_or(Format::KEYED);
+    if (format != Format::KEYED && format != Format::TABBED) {
+        throw UsageError("export: --format is keyed or tabbed");
+    }
     MapStore& maps = store();
     if (!maps.mapExists(map)) {
         TESSA_THROW(tessa::NotFoundException, "there is no map '" + map + "' in " + maps.zone());
     }
-    for (const Entry& entry : maps.entries(map)) {
-        std::cout << entry.key << ' ' << entry.value << '\n';
+    const std::vector<Entry> entries = maps.entries(map);
+    const bool allReadBack = checkExport(entries, format);
+    for (const Entry& entry : entries) {
+        std::cout << makeLine(entry.key, entry.value, format) << '\n';
     }
     std::cout.flush();
     if (!std::cout) {
         TESSA_THROW(tessa::IOException, "standard output: " + tessa::errorText(errno));
+    }
+    if (!allReadBack) {
+        say("--format tabbed, for export and import, keeps such entries as they are");
     }
     return ExitStatus::SUCCESS;
 }

@@ -31,6 +31,7 @@ private:
     /// The file that an import names, checked and cut into records.
     /// @return false when it has lines that cannot be taken over, which have been reported
     bool readImport(const std::string& map, Format format, std::vector<Record>& records);
+    static bool checkExport(const std::vector<Entry>& entries, Format format);
     ExitStatus carryOut(const std::string& map, const Plan& plan, std::size_t existing);
     void requireWords(std::size_t count) const;
     /// Asks at the terminal, unless --yes was given.

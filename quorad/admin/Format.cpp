@@ -21,14 +21,16 @@ struct NamedFormat {
     std::string_view name;
     Format format;
 };
-constexpr std::array<NamedFormat, 8> FORMATS{{{"keyed", Format::KEYED},
-                                              {"hosts", Format::HOSTS},
-                                              {"services", Format::SERVICES},
-                                              {"numbered", Format::NUMBERED},
-                                              {"ethers", Format::ETHERS},
-                                              {"timezone", Format::TIMEZONE},
-                                              {"passwd", Format::PASSWD},
-                                              {"aliases", Format::ALIASES}}};
+constexpr std::array<NamedFormat, 10> FORMATS{{{"keyed", Format::KEYED},
+                                               {"tabbed", Format::TABBED},
+                                               {"auto", Format::AUTO},
+                                               {"hosts", Format::HOSTS},
+                                               {"services", Format::SERVICES},
+                                               {"numbered", Format::NUMBERED},
+                                               {"ethers", Format::ETHERS},
+                                               {"timezone", Format::TIMEZONE},
+                                               {"passwd", Format::PASSWD},
+                                               {"aliases", Format::ALIASES}}};
 constexpr std::array<NamedFormat, 15> MAPS{{{"hosts", Format::HOSTS},
                                             {"ipnodes", Format::HOSTS},
                                             {"services", Format::SERVICES},
@@ -113,6 +115,18 @@ bool leadsTo(Format format, std::string_view key, const Fields& fields) {
            std::find(fields.begin(), fields.end(), key.substr(0, slash)) != fields.end();
 }
 
+bool isBlank(char c) {
+    return BLANKS.find(c) != std::string_view::npos;
+}
+
+// Whether the text can be what the automounter mounts: options, places with a host or without, maps
+// of its own ("-hosts", "file:name"). What else stands there is the rest of a key with a blank.
+bool isMount(std::string_view value) {
+    const std::string_view word = value.substr(0, value.find_first_of(BLANKS));
+    return !word.empty() && (std::string_view("-/\"'$(&").find(word.front()) != std::string::npos ||
+                             word.find(':') != std::string_view::npos);
+}
+
 // First word and what follows it.
 std::pair<std::string_view, std::string_view> firstWord(std::string_view line) {
     const std::size_t end = std::min(line.find_first_of(BLANKS), line.size());
@@ -135,6 +149,10 @@ public:
     explicit Reader(Format format) : m_format(format) {}
 
     ParsedFile read(std::string_view text) {
+        if (m_format == Format::TABBED) {
+            readTabbed(text);
+            return std::move(m_file);
+        }
         std::size_t number = 0;
         while (!text.empty()) {
             const std::size_t first = number + 1;
@@ -150,6 +168,25 @@ public:
     }
 
 private:
+    void readTabbed(std::string_view text) {
+        for (std::size_t number = 1; !text.empty(); ++number) {
+            const std::size_t end = std::min(text.find('\n'), text.size());
+            const std::string_view line = text.substr(0, end);
+            text.remove_prefix(std::min(end + 1, text.size()));
+            const std::size_t tab = line.find('\t');
+            if (line.empty()) {
+                continue;
+            }
+            if (tab == std::string_view::npos) {
+                problem(number, "'" + excerpt(line) + "' has no tab between key and value");
+            } else if (tab == 0) {
+                problem(number, "'" + excerpt(line) + "' has an empty key");
+            } else {
+                add(std::string(line.substr(0, tab)), std::string(line.substr(tab + 1)), number);
+            }
+        }
+    }
+
     // Appends the next line of the text; true when it is to be continued.
     static bool takeLine(std::string_view& text, std::string& line) {
         const std::size_t end = std::min(text.find('\n'), text.size());
@@ -177,15 +214,29 @@ private:
         if (line.empty() || line.front() == '#') {
             return;
         }
-        if (m_format == Format::KEYED) {
-            const auto [key, value] = firstWord(line);
-            add(std::string(key), std::string(value), number);
+        if (m_format == Format::KEYED || m_format == Format::AUTO) {
+            takeKeyed(whole, number);
         } else if (foundByValue(m_format)) {
             takeFamily(line, number);
         } else if (m_format == Format::PASSWD) {
             takePasswd(line, number);
         } else {
             takeAlias(line, number);
+        }
+    }
+
+    void takeKeyed(std::string_view whole, std::size_t number) {
+        const auto [key, value] = firstWord(tessa::trimWhiteSpace(whole));
+        if (isBlank(whole.front())) {
+            problem(number, "'" + excerpt(whole) +
+                                "' begins with a blank, so that its key is empty or cannot be told "
+                                "from its value; --format tabbed takes such keys");
+        } else if (m_format == Format::AUTO && !isMount(value)) {
+            problem(number, "'" + excerpt(whole) + "' has not the form " + form() +
+                                ": has its key a blank? --format tabbed takes such keys, --format "
+                                "keyed any value");
+        } else {
+            add(std::string(key), std::string(value), number);
         }
     }
 
@@ -285,6 +336,8 @@ private:
             return "ethernet-address name";
         case Format::TIMEZONE:
             return "time-zone name...";
+        case Format::AUTO:
+            return "key [-options] place...";
         default:
             return "name number [alias...]";
         }
@@ -297,33 +350,18 @@ private:
     std::unordered_set<std::string> m_seen;
 };
 
-// Bytes of the UTF-8 character at the beginning of the text; 0 when there is none.
-std::size_t sequenceLength(std::string_view text) {
-    const auto lead = static_cast<unsigned char>(text.front());
-    const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    if ((lead >= 0x80 && lead < 0xC2) || lead > 0xF4 || length > text.size()) {
-        return 0;
-    }
-    unsigned code = length == 1 ? lead : lead & (0xFFU >> (length + 1));
-    for (std::size_t i = 1; i < length; ++i) {
-        const auto next = static_cast<unsigned char>(text[i]);
-        if ((next & 0xC0U) != 0x80) {
-            return 0;
-        }
-        code = code << 6 | (next & 0x3FU);
-    }
-    constexpr std::array<unsigned, 5> LEAST{0, 0, 0x80, 0x800, 0x10000};
-    const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
-    return code < LEAST[length] || code > 0x10FFFF || surrogate ? 0 : length;
-}
-
 } // namespace
 
 Format defaultFormat(std::string_view map) {
     const std::string name = tessa::lower(map);
     const auto found = std::find_if(MAPS.begin(), MAPS.end(),
                                     [&](const NamedFormat& one) { return one.name == name; });
-    return found == MAPS.end() ? Format::KEYED : found->format;
+    if (found != MAPS.end()) {
+        return found->format;
+    }
+    // Values of the master map are names of others.
+    const bool isAuto = name.starts_with("auto.") || name.starts_with("auto_");
+    return isAuto && name.substr(5) != "master" ? Format::AUTO : Format::KEYED;
 }
 
 bool formatFromName(std::string_view name, Format& format) {
@@ -354,17 +392,14 @@ ParsedFile parseFile(std::string_view text, Format format) {
     return Reader(format).read(text);
 }
 
-std::size_t characters(std::string_view text) {
-    std::size_t count = 0;
-    while (!text.empty()) {
-        const std::size_t length = sequenceLength(text);
-        if (length == 0) {
-            return std::string::npos;
-        }
-        count += length == 4 ? 2 : 1;
-        text.remove_prefix(length);
-    }
-    return count;
+std::string makeLine(std::string_view key, std::string_view value, Format format) {
+    return std::string(key) + (format == Format::TABBED ? "\t" : " ") + std::string(value);
+}
+
+bool readsBack(std::string_view key, std::string_view value, Format format) {
+    const ParsedFile file = parseFile(makeLine(key, value, format) + "\n", format);
+    return file.problems.empty() && file.records.size() == 1 && file.records.front().key == key &&
+           file.records.front().value == value;
 }
 
 } // namespace quorad::admin

@@ -9,7 +9,9 @@ namespace quorad::admin {
 
 /// How a text file holds the records of a map.
 enum class Format {
-    KEYED,    ///< "key value", as `ypcat -k` writes any map
+    KEYED,    ///< "key value", as `ypcat -k` writes any map whose keys have no blanks
+    TABBED,   ///< "key<tab>value", each line taken as it is
+    AUTO,     ///< "key [-options] place...", as files of the automounter
     HOSTS,    ///< "address name alias...", as /etc/hosts
     SERVICES, ///< "name port/protocol alias...", as /etc/services
     NUMBERED, ///< "name number alias...", as /etc/protocols, /etc/rpc, /etc/networks
@@ -54,11 +56,17 @@ std::string formatNames();
 /// record (several clients' keys lead to it).
 bool foundByValue(Format format);
 
-/// Reads the text of a file. Comments and blank lines are skipped, a backslash at the end of a line
-/// continues it. A file of a format that is found by value may as well be a dump of one of its maps
+/// Reads the text of a file. Except where it is TABBED, comments and blank lines are skipped, and a
+/// backslash at the end of a line continues it. A file of a format that is found by value may as
+/// well be a dump of one of its maps
 /// ("alpha 10.0.0.1 alpha a"): its first record decides which it is. Lines that cannot be taken
 /// over are listed as problems; the other ones are still read. Pure.
 ParsedFile parseFile(std::string_view text, Format format);
+
+/// A line of that format, without its end: KEYED or TABBED.
+std::string makeLine(std::string_view key, std::string_view value, Format format);
+/// Whether that line is read as the same key and value again.
+bool readsBack(std::string_view key, std::string_view value, Format format);
 
 /// Most characters that the directory keeps in a key and in a value.
 inline constexpr std::size_t MAX_CHARACTERS = 1024;

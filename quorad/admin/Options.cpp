@@ -109,7 +109,7 @@ std::string usage() {
            "  map create MAP           make an empty map\n"
            "  map delete MAP           remove a map with all its entries\n"
            "  import MAP FILE          make a map what a file says; - is standard input\n"
-           "  export MAP               print a map as `ypcat -k` would\n"
+           "  export MAP               print a map as `ypcat -k` would, or --format tabbed\n"
            "\n"
            "options:\n"
            "  -n, --dry-run            say what would be done, and change nothing\n"

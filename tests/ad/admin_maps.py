@@ -13,6 +13,8 @@ import nistest
 from nistest import lines_of, program, run
 
 FILES = "/run/files"
+MANUAL = os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir, os.pardir, "man",
+                      "quorad-admin.8")
 
 
 class AdminTest(adtest.AdTest):
@@ -339,6 +341,62 @@ class Migration(AdminTest):
             self.assertEqual(sorted(lines_of(run("ypcat", "-k", served))), sorted(old[name]), name)
         self.assertEqual(sorted(lines_of(run("ypcat", "-k", "hosts.byaddr"))),
                          ["10.0.0.1 10.0.0.1 alpha a", "10.0.0.2 10.0.0.2 beta"])
+
+    @staticmethod
+    def manual_example(first_words):
+        """The commands of the example that begins so, as the manual shows them."""
+        with open(MANUAL) as file:
+            text = file.read()
+        return text[text.index(first_words):].partition(".Ed\n")[0].replace("\\e", "\\")
+
+    def test_keys_with_blanks(self):
+        """Their dump says no longer where they end: refused, and taken over by way of a second one."""
+        old = {"ines": "filer:/export/ines", "My Documents": "-rw filer:/export/documents",
+               "a  b c": "filer:/export/abc", " lead": "filer:/export/lead"}
+        self.directory.fill("auto.shares", old)
+        self.directory.save()
+        self.write_config(quorad_directory="ldif:" + nistest.LDIF_FILE,
+                          quorad_zone=self.directory.ZONE)
+        self.start_quorad()
+        self.start_orrisd()
+        self.wait_served()
+        example = self.manual_example("ypcat -h oldserver -d olddomain auto.shares")
+        commands, arrow, importing = example.rpartition("quorad-admin ")
+        self.assertTrue(arrow)
+        commands = commands.replace("oldserver", "127.0.0.1").replace("olddomain", nistest.DOMAIN)
+        done = run("sh", "-ec", "cd /run\n" + commands + "cat >/run/tabbed", check=True)
+        self.assertEqual(done.stderr, b"")
+        with open("/run/both") as file:
+            lines = file.read().splitlines()
+        self.assertEqual(sorted(lines), sorted("%s %s" % pair for pair in old.items()))
+        with open("/run/tabbed") as file:
+            self.assertEqual(sorted(file.read().splitlines()),
+                             sorted("%s\t%s" % pair for pair in old.items()))
+        self.orrisd.stop()
+        self.quorad.stop()
+        self.write_config(quorad_directory="ldap:", quorad_zone=self.ZONE)
+        _, error = self.admin("import", "auto.shares", "/run/both", status=1)
+        for key in ("My Documents", "a  b c", " lead"):
+            number = lines.index("%s %s" % (key, old[key])) + 1
+            self.assertRegex(error, "/run/both:%d: '%s .*--format tabbed" % (number, key))
+        self.assertIn("3 lines cannot be taken over", error)
+        with open("/run/tabbed") as file:
+            self.admin(*importing.split()[:2], "-", *importing.split()[3:], stdin=file)
+        self.start_quorad()
+        self.start_orrisd()
+        self.wait_served()
+        self.assert_map("auto.shares", old)
+        self.bind_client()
+        self.assertEqual(lines_of(run("ypmatch", "My Documents", "auto.shares")),
+                         [old["My Documents"]])
+        self.assertEqual(sorted(lines_of(run("ypcat", "-k", "auto.shares"))), sorted(lines))
+        out, error = self.admin("export", "auto.shares")
+        self.assertEqual(sorted(out.splitlines()), sorted(lines))
+        self.assertIn("Entry 'My Documents' would not be read as the same", error)
+        out, error = self.admin("export", "auto.shares", "--format", "tabbed")
+        self.assertNotIn("would not", error)
+        self.admin("import", "copy", self.file(out, "copy"), "--format", "tabbed")
+        self.assertEqual(self.held("copy"), sorted(old.items()))
 
 
 if __name__ == "__main__":

@@ -27,6 +27,10 @@ TEST(Format, DefaultsFollowTheNameOfTheMap) {
     EXPECT_EQ(defaultFormat("passwd"), Format::PASSWD);
     EXPECT_EQ(defaultFormat("netgroup"), Format::KEYED);
     EXPECT_EQ(defaultFormat("auto.master"), Format::KEYED);
+    EXPECT_EQ(defaultFormat("auto_master"), Format::KEYED);
+    EXPECT_EQ(defaultFormat("auto.home"), Format::AUTO);
+    EXPECT_EQ(defaultFormat("Auto_Home"), Format::AUTO);
+    EXPECT_EQ(defaultFormat("automatic"), Format::KEYED);
 }
 
 TEST(Format, NamesAreKnown) {
@@ -36,16 +40,82 @@ TEST(Format, NamesAreKnown) {
     EXPECT_TRUE(formatFromName("keyed", format));
     EXPECT_EQ(format, Format::KEYED);
     EXPECT_FALSE(formatFromName("nonsense", format));
-    EXPECT_EQ(formatNames(), "keyed, hosts, services, numbered, ethers, timezone, passwd, aliases");
+    EXPECT_EQ(formatNames(),
+              "keyed, tabbed, auto, hosts, services, numbered, ethers, timezone, passwd, aliases");
 }
 
 TEST(Format, KeyedLines) {
-    const auto file = parseFile("# comment\n\nalpha the value # kept\r\n  beta\t x\ngamma\nlast v",
-                                Format::KEYED);
+    const auto file =
+        parseFile("# comment\n\nalpha the value # kept\r\nbeta\t x\ngamma\nlast v", Format::KEYED);
     EXPECT_THAT(pairs(file), ElementsAre("alpha=the value # kept", "beta=x", "gamma=", "last=v"));
     EXPECT_THAT(file.problems, IsEmpty());
     EXPECT_EQ(file.records[0].line, 3U);
     EXPECT_EQ(file.records[3].line, 6U);
+}
+
+// "ypcat -k" of an empty key, or of one that begins with a blank.
+TEST(Format, KeysThatCannotBeToldAreRefused) {
+    const auto file = parseFile("a 1\n the value\n\tx y\n  # comment\n", Format::KEYED);
+    EXPECT_THAT(pairs(file), ElementsAre("a=1"));
+    ASSERT_THAT(file.problems, SizeIs(2));
+    EXPECT_EQ(file.problems[0].line, 2U);
+    EXPECT_THAT(file.problems[0].text, HasSubstr("' the value' begins with a blank"));
+    EXPECT_THAT(file.problems[0].text, HasSubstr("--format tabbed"));
+    EXPECT_EQ(file.problems[1].line, 3U);
+}
+
+TEST(Format, Automounter) {
+    const auto file = parseFile("* -rw filer:/export/&\nines filer2:/export/ines\ncd :/dev/sr0\n"
+                                "multi /a filer:/a \\\n  /b filer:/b\nnet -hosts\n"
+                                "quoted \"filer:/with blank\"\nvar $HOST:/x\n",
+                                Format::AUTO);
+    EXPECT_THAT(file.problems, IsEmpty());
+    EXPECT_THAT(file.records, SizeIs(7));
+    const auto bad = parseFile("good filer:/x\nMy Documents -rw filer:/d\nkey\n"
+                               "two words filer:/x\n",
+                               Format::AUTO);
+    EXPECT_THAT(pairs(bad), ElementsAre("good=filer:/x"));
+    ASSERT_THAT(bad.problems, SizeIs(3));
+    EXPECT_EQ(bad.problems[0].line, 2U);
+    EXPECT_THAT(bad.problems[0].text,
+                HasSubstr("'My Documents -rw filer:/d' has not the form key"));
+    EXPECT_THAT(bad.problems[0].text, HasSubstr("has its key a blank?"));
+    EXPECT_EQ(bad.problems[1].line, 3U);
+    EXPECT_EQ(bad.problems[2].line, 4U);
+}
+
+TEST(Format, TabbedLinesAreTakenAsTheyAre) {
+    const auto file = parseFile("My Documents\t-rw  filer:/d\n lead\t v \n#no comment\tx\\\n\n"
+                                "a\tb\tc\nempty\t\nno tab\n\tno key\nlast\tline\r",
+                                Format::TABBED);
+    EXPECT_THAT(pairs(file), ElementsAre("My Documents=-rw  filer:/d", " lead= v ",
+                                         "#no comment=x\\", "a=b\tc", "empty=", "last=line\r"));
+    ASSERT_THAT(file.problems, SizeIs(2));
+    EXPECT_EQ(file.problems[0].line, 7U);
+    EXPECT_THAT(file.problems[0].text, HasSubstr("has no tab"));
+    EXPECT_EQ(file.problems[1].line, 8U);
+    EXPECT_THAT(file.problems[1].text, HasSubstr("empty key"));
+    EXPECT_EQ(file.records.back().line, 9U);
+}
+
+TEST(Format, WhichLinesReadBack) {
+    EXPECT_TRUE(readsBack("key", "any  value", Format::KEYED));
+    EXPECT_TRUE(readsBack("key", "", Format::KEYED));
+    for (const auto& [key, value] :
+         std::vector<std::pair<std::string, std::string>>{{"a key", "v"},
+                                                          {"#key", "v"},
+                                                          {" key", "v"},
+                                                          {"key", " v"},
+                                                          {"key", "v "},
+                                                          {"key", "v\\"},
+                                                          {"key", "v\r"}}) {
+        EXPECT_FALSE(readsBack(key, value, Format::KEYED)) << key << '=' << value;
+        EXPECT_TRUE(readsBack(key, value, Format::TABBED)) << key << '=' << value;
+        EXPECT_EQ(makeLine(key, value, Format::TABBED), key + "\t" + value);
+    }
+    EXPECT_FALSE(readsBack("a\tb", "v", Format::TABBED));
+    EXPECT_FALSE(readsBack("a", "v\nw", Format::TABBED));
+    EXPECT_FALSE(readsBack("", "v", Format::TABBED));
 }
 
 TEST(Format, ContinuedLinesKeepTheNumberOfTheirFirst) {

@@ -38,7 +38,8 @@ TEST(Options, MistakesAreNamed) {
     EXPECT_EQ(complaint({"-x"}), "unknown option '-x'");
     EXPECT_EQ(complaint({"--zone"}), "--zone needs a value");
     EXPECT_EQ(complaint({"--zone="}), "--zone needs a value");
-    EXPECT_THAT(complaint({"--format", "odd"}), HasSubstr("'odd' is none of keyed, hosts"));
+    EXPECT_THAT(complaint({"--format", "odd"}),
+                HasSubstr("'odd' is none of keyed, tabbed, auto, hosts"));
     EXPECT_EQ(complaint({"--bind", "CN=x"}), "--bind needs --password-file");
     EXPECT_EQ(complaint({"--dry-run=yes"}), "unknown option '--dry-run=yes'");
 }
