@@ -36,7 +36,7 @@ public:
         bool complete = false; ///< keeping the bounds is all that the filter asks for
     };
 
-    static constexpr std::size_t MAX_LENGTH = 64 * 1024;
+    static constexpr std::size_t MAX_LENGTH = std::size_t{64} * 1024;
     static constexpr unsigned MAX_DEPTH = 64;
 
     /// @throws tessa::BadDataException that names the position of the mistake

@@ -26,6 +26,7 @@ private:
 };
 
 /// One level of the family below the root. Each kind is a type of its own, to be caught by type.
+// NOLINTNEXTLINE(bugprone-macro-parentheses): the name of a class takes none
 #define KARST_EXCEPTION(Name)                                                                      \
     class Name : public TESSAException {                                                           \
     public:                                                                                        \
