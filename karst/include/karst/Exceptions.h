@@ -26,12 +26,13 @@ private:
 };
 
 /// One level of the family below the root. Each kind is a type of its own, to be caught by type.
-// NOLINTNEXTLINE(bugprone-macro-parentheses): the name of a class takes none
+// NOLINTBEGIN(bugprone-macro-parentheses): the name of a class takes none
 #define KARST_EXCEPTION(Name)                                                                      \
     class Name : public TESSAException {                                                           \
     public:                                                                                        \
         using TESSAException::TESSAException;                                                      \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 /// The local daemon cannot be reached: no socket, connection refused, no permission.
 KARST_EXCEPTION(IOException);
