@@ -257,7 +257,8 @@ std::vector<std::string> Connection::readRest(const std::string& dn, Range range
             }
         }
         if (bytes > MAX_ITEM_BYTES) {
-            std::string text = "object '" + dn + "' is too large for a message: '" + name;
+            std::string text = "object '" + dn;
+            text += "' is too large for a message: '" + name;
             text += "' alone has more than " + std::to_string(values.size());
             text += " values; ask for a part, such as '" + rangeOf(name, 0, 1000) + "'";
             TESSA_THROW(tessa::BadDataException, text);
