@@ -275,10 +275,21 @@ void EntryCursor::gone() {
 void EntryCursor::deleted() {
     std::vector<tessa::ADObject> page;
     const bool more = m_query.nextPage(page);
-    for (tessa::ADObject& object : page) {
-        shiftNumbers(object, m_query.epoch());
-        m_ready.push_back(Tombstones::deletedObject(object));
+    std::vector<std::string> guids;
+    guids.reserve(page.size());
+    for (const tessa::ADObject& object : page) {
+        guids.push_back(object.guid());
     }
+    // What was found to be gone has been reported already.
+    const std::vector<bool> reported = m_store.areGone(m_base, m_range.lower, guids);
+    for (std::size_t i = 0; i < page.size(); ++i) {
+        if (!reported[i]) {
+            shiftNumbers(page[i], m_query.epoch());
+            m_ready.push_back(Tombstones::deletedObject(page[i]));
+        }
+    }
+    KARST_LOG(logger(), tessa::LOG_DEBUGGING, "Deleted in '%s': %zu, known as gone: %td",
+              m_baseDn.c_str(), page.size(), std::count(reported.begin(), reported.end(), true));
     if (!more) {
         begin(Phase::ENTRIES);
     }

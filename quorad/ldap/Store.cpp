@@ -372,6 +372,21 @@ std::vector<GoneObject> Store::gone(const TrackedBase& base, std::int64_t fromUs
     });
 }
 
+std::vector<bool> Store::areGone(const TrackedBase& base, std::int64_t fromUsn,
+                                 const std::vector<std::string>& guids) {
+    return guarded([&](Statements& s) {
+        s.settle();
+        std::vector<bool> found;
+        found.reserve(guids.size());
+        for (const std::string& guid : guids) {
+            s.isGone.bind(1, base.id).bind(2, guid).bind(3, fromUsn);
+            const sqlite::ScopedReset reset(s.isGone);
+            found.push_back(s.isGone.step());
+        }
+        return found;
+    });
+}
+
 std::int64_t Store::movesSeen(const std::string& server, const Epoch& epoch,
                               std::int64_t otherwise) {
     return guarded([&](Statements& s) {

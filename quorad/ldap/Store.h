@@ -101,6 +101,9 @@ public:
     /// @param after GUID of the last one that the caller has
     std::vector<GoneObject> gone(const TrackedBase& base, std::int64_t fromUsn,
                                  const std::string& after, std::size_t limit);
+    /// Which of the objects are gone from the container, from that number on.
+    std::vector<bool> areGone(const TrackedBase& base, std::int64_t fromUsn,
+                              const std::vector<std::string>& guids);
 
     /// How far changes were looked through for moved objects, as an own number in this epoch.
     std::int64_t movesSeen(const std::string& server, const Epoch& epoch, std::int64_t otherwise);

@@ -28,6 +28,7 @@ struct Store::Statements {
           forget(d, "DELETE FROM known WHERE base = ? AND guid = ?"),
           putGone(d, "INSERT OR REPLACE INTO gone(base, guid, usn, time) VALUES(?, ?, ?, ?)"),
           dropGone(d, "DELETE FROM gone WHERE base = ? AND guid = ?"),
+          isGone(d, "SELECT 1 FROM gone WHERE base = ? AND guid = ? AND usn >= ?"),
           gone(d, "SELECT guid, usn FROM gone WHERE base = ? AND guid > ? AND usn >= ?"
                   " ORDER BY guid LIMIT ?"),
           mark(d, "SELECT value FROM mark"), nextMark(d, "UPDATE mark SET value = value + 1"),
@@ -73,8 +74,8 @@ struct Store::Statements {
     }
 
     sqlite::Statement server, putServer, setUsn, setIdentity, setMoves, base, addBase, setBase,
-        count, bases, add, isKnown, known, forget, putGone, dropGone, gone, mark, nextMark, tell,
-        isTold, place, placed, countAgain, forgetTold;
+        count, bases, add, isKnown, known, forget, putGone, dropGone, isGone, gone, mark, nextMark,
+        tell, isTold, place, placed, countAgain, forgetTold;
 };
 
 } // namespace quorad::ldap

@@ -58,7 +58,7 @@ class Changes(adtest.AdTest):
         for key in ("key03", "key04"):
             self.lab.delete(self.dns[key])
             del self.entries[key]
-        self.refreshed()
+        self.assertEqual(self.refreshed(), 2)
         self.assertTrue(self.orrisd.find("plain - key03"))
 
     def test_deleted_and_key_taken_over(self):

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <stdexcept>
 
 namespace {
@@ -230,10 +231,11 @@ TEST_F(LocalRpcSessionTest, WithoutReconnectABrokenSessionStaysBroken) {
 }
 
 TEST_F(LocalRpcSessionTest, DaemonThatNeverAnswersCostsOnlyTheDeadline) {
-    std::mutex silence;
-    std::unique_lock hold(silence);
-    m_daemon.start([&](const q_request& request) {
-        const std::lock_guard wait(silence);
+    // The daemon's threads may still wait for it when this test is over.
+    const auto silence = std::make_shared<std::mutex>();
+    std::unique_lock hold(*silence);
+    m_daemon.start([silence](const q_request& request) {
+        const std::lock_guard wait(*silence);
         return request.operation == Q_SETTING ? ScriptedDaemon::setting(request, "late")
                                               : ScriptedDaemon::page(request, 0, {});
     });

@@ -180,6 +180,8 @@ TEST_F(LdapStore, ComparisonFindsWhatIsMissing) {
     EXPECT_EQ(compare(hosts(), 500, mark, guids(3, 12)), 2U);
     EXPECT_EQ(gone(hosts(), 500), guids(1, 2));
     EXPECT_EQ(gone(hosts(), 501), std::vector<std::string>());
+    EXPECT_EQ(store->areGone(hosts(), 500, guids(1, 3)), (std::vector<bool>{true, true, false}));
+    EXPECT_EQ(store->areGone(hosts(), 501, guids(1, 1)), std::vector<bool>{false});
     EXPECT_EQ(hosts().count, 10);
     EXPECT_EQ(hosts().comparedUsn, 500);
     EXPECT_EQ(hosts().epoch, 0);
