@@ -2,15 +2,14 @@
 
 #include "karst/DBStore.h"
 
-#include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string_view>
-#include <vector>
 
 namespace tessa {
+
+class RecordShard;
 
 /// Records that were read lately, from all stores of the process together, within a fixed amount of
 /// memory. It saves a look-up in a store its statement, its pages and the wait for the store's
@@ -37,7 +36,8 @@ public:
     static RecordCache& instance();
     static Owner newOwner();
 
-    /// @param memory bytes that records may take together
+    /// @param memory bytes that records may take together; an index comes to it, a twelfth of that
+    ///        when there are many records
     explicit RecordCache(std::size_t memory);
     ~RecordCache();
     RecordCache(const RecordCache&) = delete;
@@ -54,19 +54,13 @@ public:
     std::size_t memory() const;
 
 private:
-    struct Block;
-    struct Shard;
-    struct FreeBlock {
-        void operator()(Block* block) const;
-    };
-    using BlockPointer = std::unique_ptr<Block, FreeBlock>;
+    struct Parts;
 
-    static constexpr std::size_t SHARDS = 64;
+    RecordShard& shardOf(std::uint64_t hash) const;
+    void put(Owner owner, std::string_view key, std::string_view recordKey, std::string_view value,
+             bool present);
 
-    Shard& shardOf(std::uint64_t hash) const;
-    void put(Owner owner, std::string_view key, BlockPointer block, std::uint64_t hash);
-
-    std::unique_ptr<Shard[]> m_shards;
+    std::unique_ptr<Parts> m_parts;
 };
 
 } // namespace tessa

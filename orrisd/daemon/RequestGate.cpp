@@ -1,6 +1,7 @@
 #include "daemon/RequestGate.h"
 
 #include "common/Globals.h"
+#include "common/UpdatePace.h"
 #include "daemon/Waiting.h"
 #include "server/ADNisServer.h"
 #include "yp/Dispatcher.h"
@@ -83,6 +84,7 @@ void invoke(svc_req* request, SVCXPRT* transport) {
         pollUntil(initializedBy, true);
     }
     ypprog_2(request, transport);
+    UpdatePace::answered();
     leave();
 }
 

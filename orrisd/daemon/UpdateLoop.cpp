@@ -18,6 +18,7 @@
 #include <limits>
 #include <string>
 
+#include <malloc.h>
 #include <sys/stat.h>
 
 namespace nis {
@@ -186,6 +187,14 @@ void readConfigurationAgain(ADNisServer& server) {
     }
 }
 
+/// What the load of a large map needed for a while goes back to the system when it is over.
+struct MemoryReturned {
+    MemoryReturned() = default;
+    ~MemoryReturned() { malloc_trim(0); }
+    MemoryReturned(const MemoryReturned&) = delete;
+    MemoryReturned& operator=(const MemoryReturned&) = delete;
+};
+
 /// What an update threw, in the order from the particular to the general.
 int explainFailure() {
     try {
@@ -234,6 +243,7 @@ void InitiateRefreshMap(int /*signalNumber*/) {
 
 int Update(bool rebuild, bool refresh) {
     const tessa::Lock lock(gUpdateModeProtect);
+    const MemoryReturned returned;
     try {
         KARST_LOG(logger, tessa::LOG_DEBUGGING, "Update begin");
         getNisServer()->update(rebuild, refresh);

@@ -3,6 +3,7 @@
 #include "common/ConfigKeys.h"
 #include "common/Globals.h"
 #include "common/NisException.h"
+#include "common/UpdatePace.h"
 #include "maps/IntrinsicADNisMap.h"
 
 #include <karst/Text.h>
@@ -190,7 +191,9 @@ void DataHorde::fill(NisCache& cache) {
     std::string name;
     std::string id;
     std::string line;
+    UpdatePace pace;
     for (std::uint32_t i = 0; i < m_recordCount; ++i) {
+        pace.step();
         read(name, id, line);
         cache.put(name, line, IntrinsicADNisMap::NAME_LAYER);
         cache.put(id, line, IntrinsicADNisMap::ID_LAYER);

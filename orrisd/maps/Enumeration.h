@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/UpdatePace.h"
+
 #include <karst/Exceptions.h>
 
 #include <string_view>
@@ -26,13 +28,15 @@ private:
 };
 
 /// Calls `use` with every entry that `next` delivers. An entry that is gone by the time it is asked
-/// for is skipped.
+/// for is skipped. No lock may be held.
 /// @throws what `next` throws, but for the end of the list
 template <typename Next, typename Use> void forEachEntry(const Next& next, const Use& use) {
     // A daemon that never gets past missing entries must not hold the update for ever.
     constexpr int MOST_MISSING = 10000;
     int missing = 0;
+    UpdatePace pace;
     while (true) {
+        pace.step();
         try {
             const auto entry = next();
             missing = 0;

@@ -1,6 +1,7 @@
 // The passes of an explicit map over the directory: load, update and rebuild.
 #include "common/Globals.h"
 #include "common/NisException.h"
+#include "common/UpdatePace.h"
 #include "maps/Directory.h"
 #include "maps/ExplicitADNisMap.h"
 #include "store/NisCache.h"
@@ -129,8 +130,10 @@ int ExplicitADNisMap::applyChanges(tessa::ADObjectList& objects) {
     std::unordered_set<std::string> waiting; // identifiers of those
     m_ledger.begin(false);
     tessa::ADObject object;
+    UpdatePace pace;
     while (objects.next(object)) {
         ++count;
+        pace.step();
         insureSameServer(object[ADInterface::SERVER_NAME].asString());
         MapEntry record = recordOf(object);
         std::string id = objectIdOf(object);
@@ -147,6 +150,7 @@ int ExplicitADNisMap::applyChanges(tessa::ADObjectList& objects) {
     // Objects that exchange their keys have let go of them by now; what still collides is claimed
     // twice, and the object that was changed last gets it.
     for (const auto& [record, id] : deferred) {
+        pace.step();
         const tessa::WriterLock lock(getReaderWriterLock());
         addDeferred(record, id);
     }
@@ -200,8 +204,10 @@ void ExplicitADNisMap::applyDeletions(const tessa::Int64& highUSN) {
     const auto objects = interface->getMapEntries(getMapDN(), getHighUSN(), highUSN);
     m_ledger.begin(false);
     tessa::ADObject object;
+    UpdatePace pace;
     try {
         while (objects->next(object)) {
+            pace.step();
             insureSameServer(object[ADInterface::SERVER_NAME].asString());
             if (isDeleted(object)) {
                 const tessa::WriterLock lock(getReaderWriterLock());

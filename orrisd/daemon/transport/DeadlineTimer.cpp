@@ -16,7 +16,7 @@
 
 namespace nis {
 
-DeadlineTimer::DeadlineTimer(Poller& poller, std::function<void()> expired)
+DeadlineTimer::DeadlineTimer(Poller& poller, std::function<void(Worker&)> expired)
     : m_poller(poller), m_expired(std::move(expired)),
       m_descriptor(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
     if (m_descriptor < 0 || !m_poller.add(m_descriptor, EPOLLIN | EPOLLET, *this)) {
@@ -32,10 +32,10 @@ DeadlineTimer::~DeadlineTimer() {
     close(m_descriptor);
 }
 
-void DeadlineTimer::onReady(Worker&) {
+void DeadlineTimer::onReady(Worker& worker) {
     std::uint64_t expirations = 0;
     if (read(m_descriptor, &expirations, sizeof expirations) == sizeof expirations) {
-        m_expired();
+        m_expired(worker);
     }
 }
 

@@ -15,9 +15,9 @@ class DeadlineTimer final : public EventSource {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// @param expired called on the thread that is woken
+    /// @param expired called on the thread that is woken, with its buffers
     /// @throws tessa::SystemException
-    DeadlineTimer(Poller& poller, std::function<void()> expired);
+    DeadlineTimer(Poller& poller, std::function<void(Worker&)> expired);
     ~DeadlineTimer() override;
     DeadlineTimer(const DeadlineTimer&) = delete;
     DeadlineTimer& operator=(const DeadlineTimer&) = delete;
@@ -31,7 +31,7 @@ public:
 
 private:
     Poller& m_poller;
-    const std::function<void()> m_expired;
+    const std::function<void(Worker&)> m_expired;
     const int m_descriptor;
     Clock::time_point m_scheduled = Clock::time_point::max();
 };

@@ -37,7 +37,7 @@ void require(bool success) {
 } // namespace
 
 TcpTransport::TcpTransport(ServiceLoop& loop, int socket)
-    : m_loop(loop), m_socket(socket), m_timer(loop.poller(), [this] { sweep(); }) {
+    : m_loop(loop), m_socket(socket), m_timer(loop.poller(), [this](Worker&) { sweep(); }) {
     const int on = 1;
     // Accepted sockets inherit these.
     require(setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0);

@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstring>
 #include <thread>
 
 #include <sys/epoll.h>
@@ -24,7 +23,7 @@ namespace nis {
 namespace {
 
 /// Datagrams that one wake-up serves before the thread looks at other events.
-constexpr int DATAGRAMS_A_TURN = 64;
+constexpr unsigned DATAGRAMS_A_TURN = 64;
 constexpr int SOCKET_BUFFER = 1024 * 1024;
 constexpr std::chrono::milliseconds WATCH_INTERVAL{5};
 /// How long a thread waits at the socket itself for the next datagram before it goes back to the
@@ -34,101 +33,35 @@ constexpr std::uint32_t ONE_SHOT = EPOLLIN | EPOLLONESHOT;
 
 } // namespace
 
-/// One datagram's call. Keeps the local address that it came to for the reply.
+/// The calls of a batch, as the RPC library sees them: one after the other.
 class UdpTransport::DatagramCall final : public CallTransport {
 public:
-    DatagramCall(const RpcProgram& program, int socket, Worker& worker)
-        : CallTransport(program, socket), m_socket(socket), m_worker(worker) {}
+    DatagramCall(const RpcProgram& program, int socket, DatagramBatch& batch)
+        : CallTransport(program, socket), m_batch(batch) {}
 
-    /// Receives one datagram.
-    /// @param flags MSG_DONTWAIT or 0: to wait for one as long as the socket's time limit says
-    /// @return false when there is none, or receiving failed
-    bool receive(int flags) {
-        iovec piece{m_worker.datagramIn().data(), m_worker.datagramIn().size()};
-        msghdr header = makeHeader(piece);
-        header.msg_controllen = sizeof m_control;
-        const ssize_t count = receive(header, flags);
-        if (count < 0) {
-            return false;
-        }
-        m_controlLength = header.msg_controllen;
-        forgetInterface(header);
-        const bool whole =
-            (header.msg_flags & MSG_TRUNC) == 0 && header.msg_namelen == sizeof m_peer;
-        m_received = m_worker.datagramIn().first(whole ? static_cast<std::size_t>(count) : 0);
-        return true;
-    }
-
-    /// Serves the datagram that was received last; what is no call is passed over.
-    void serve() {
-        setPeer(m_peer);
-        CallTransport::serve(m_received);
+    /// Serves one datagram; what is no call is passed over.
+    void serve(unsigned index) {
+        m_index = index;
+        setPeer(m_batch.peer(index));
+        CallTransport::serve(m_batch.call(index));
     }
 
 private:
-    msghdr makeHeader(iovec& piece) {
-        msghdr header{};
-        header.msg_name = &m_peer;
-        header.msg_namelen = sizeof m_peer;
-        header.msg_iov = &piece;
-        header.msg_iovlen = 1;
-        header.msg_control = m_control;
-        return header;
-    }
-
-    ssize_t receive(msghdr& header, int flags) const {
-        ssize_t count = 0;
-        do {
-            count = recvmsg(m_socket, &header, flags);
-        } while (count < 0 && errno == EINTR);
-        if (count < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
-            KARST_LOG(logger, tessa::LOG_DEBUGGING, "Receiving over UDP failed: %s",
-                      tessa::errorText(errno).c_str());
-        }
-        return count;
-    }
-
-    /// The reply goes back from the same address, by whatever interface the routes say.
-    static void forgetInterface(msghdr& header) {
-        for (cmsghdr* item = CMSG_FIRSTHDR(&header); item != nullptr;
-             item = CMSG_NXTHDR(&header, item)) {
-            if (item->cmsg_level == IPPROTO_IP && item->cmsg_type == IP_PKTINFO) {
-                in_pktinfo info{};
-                std::memcpy(&info, CMSG_DATA(item), sizeof info);
-                info.ipi_ifindex = 0;
-                std::memcpy(CMSG_DATA(item), &info, sizeof info);
-            }
-        }
-    }
-
+    /// The reply leaves with those of the other calls.
     bool send(rpc_msg& reply, bool& committed) override {
         XDR xdr{};
-        const std::span<char> buffer = m_worker.datagramOut();
+        const std::span<char> buffer = m_batch.replyBuffer(m_index);
         xdrmem_create(&xdr, buffer.data(), static_cast<u_int>(buffer.size()), XDR_ENCODE);
         if (xdr_replymsg(&xdr, &reply) != TRUE) {
             return false;
         }
         committed = true;
-        iovec piece{buffer.data(), xdr_getpos(&xdr)};
-        msghdr header = makeHeader(piece);
-        header.msg_controllen = m_controlLength;
-        ssize_t count = 0;
-        do {
-            count = sendmsg(m_socket, &header, MSG_DONTWAIT | MSG_NOSIGNAL);
-        } while (count < 0 && errno == EINTR);
-        if (count < 0) {
-            KARST_LOG(logger, tessa::LOG_DEBUGGING, "Replying over UDP failed: %s",
-                      tessa::errorText(errno).c_str());
-        }
-        return count >= 0;
+        m_batch.setReply(m_index, xdr_getpos(&xdr));
+        return true;
     }
 
-    const int m_socket;
-    Worker& m_worker;
-    sockaddr_in m_peer{};
-    alignas(cmsghdr) char m_control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
-    std::size_t m_controlLength = 0;
-    std::span<char> m_received;
+    DatagramBatch& m_batch;
+    unsigned m_index = 0;
 };
 
 namespace {
@@ -150,7 +83,7 @@ void require(bool success) {
 UdpTransport::UdpTransport(ServiceLoop& loop, int socket)
     : m_loop(loop), m_socket(socket),
       m_mostDrains(std::max(1U, std::thread::hardware_concurrency())),
-      m_watch(loop.poller(), [this] { look(); }) {
+      m_watch(loop.poller(), [this](Worker& worker) { look(worker); }) {
     const int on = 1;
     require(setsockopt(socket, IPPROTO_IP, IP_PKTINFO, &on, sizeof on) == 0);
     require(setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &LINGER, sizeof LINGER) == 0);
@@ -169,39 +102,69 @@ void UdpTransport::rearm() {
 }
 
 void UdpTransport::onReady(Worker& worker) {
-    Drain drain;
+    Drain drain(m_socket, worker);
     begin(drain);
-    DatagramCall call(m_loop.program(), m_socket, worker);
-    int count = 0;
+    unsigned count = 0;
+    bool probed = false;
     while (count < DATAGRAMS_A_TURN && !drain.overtaken.load(std::memory_order_relaxed) &&
-           !m_loop.stopping() && receive(call, drain, count == DATAGRAMS_A_TURN / 2)) {
-        call.serve();
-        drain.served.store(static_cast<unsigned>(++count), std::memory_order_relaxed);
+           !m_loop.stopping()) {
+        const bool probe = !probed && count >= DATAGRAMS_A_TURN / 2;
+        probed = probed || probe;
+        const unsigned received = receive(drain, probe);
+        if (received == 0) {
+            break;
+        }
+        count += received;
+        serve(drain);
     }
-    end(drain, count == DATAGRAMS_A_TURN);
+    end(drain, count >= DATAGRAMS_A_TURN);
 }
 
-/// The next datagram of a drain. A drain that is alone waits for it at the socket for a while, as
-/// long as another thread looks after everything else: that saves the way through the poller.
+/// The next datagrams of a drain. A drain that is alone waits for them at the socket for a while,
+/// as long as another thread looks after everything else: that saves the way through the poller.
 /// @param probe see whether datagrams queue up already; then another thread is to join
-bool UdpTransport::receive(DatagramCall& call, Drain& drain, bool probe) {
-    if (probe && call.receive(MSG_DONTWAIT)) {
-        inviteAnother();
-        return true;
+unsigned UdpTransport::receive(Drain& drain, bool probe) {
+    if (probe) {
+        const unsigned received = drain.batch.receive(MSG_DONTWAIT);
+        if (received > 0) {
+            inviteAnother();
+            return received;
+        }
     }
     if (m_atWork.load(std::memory_order_relaxed) > 1 || !m_loop.isWatched()) {
-        return call.receive(MSG_DONTWAIT);
+        return drain.batch.receive(MSG_DONTWAIT);
     }
     drain.waiting.store(true, std::memory_order_relaxed);
-    const bool received = call.receive(0);
+    const unsigned received = drain.batch.receive(MSG_WAITFORONE);
     drain.waiting.store(false, std::memory_order_relaxed);
     return received;
 }
 
+/// The calls that were received, up to the end or to where another thread takes them over.
+void UdpTransport::serve(Drain& drain) {
+    DatagramCall call(m_loop.program(), m_socket, drain.batch);
+    for (unsigned index = drain.batch.next(); index != DatagramBatch::NONE;
+         index = drain.batch.next()) {
+        call.serve(index);
+        drain.served.fetch_add(1, std::memory_order_relaxed);
+    }
+    if (!drain.batch.takenOver()) {
+        drain.batch.sendReplies();
+    }
+}
+
 void UdpTransport::begin(Drain& drain) {
     tessa::Lock lock(m_mutex);
+    add(drain);
+}
+
+void UdpTransport::add(Drain& drain) {
     m_drains.push_back(&drain);
     ++m_atWork;
+    watch();
+}
+
+void UdpTransport::watch() {
     if (!m_watching) {
         m_watching = true;
         m_watch.schedule(DeadlineTimer::Clock::now() + WATCH_INTERVAL);
@@ -211,6 +174,9 @@ void UdpTransport::begin(Drain& drain) {
 void UdpTransport::end(Drain& drain, bool moreLikely) {
     tessa::Lock lock(m_mutex);
     m_drains.erase(std::find(m_drains.begin(), m_drains.end(), &drain));
+    if (drain.batch.takenOver()) {
+        drain.batch.sendReplies();
+    }
     if (!drain.overtaken) {
         --m_atWork;
     }
@@ -227,12 +193,33 @@ void UdpTransport::inviteAnother() {
     }
 }
 
-/// A thread that has been with one call since the last look counts no more, so that the datagrams
-/// behind that call wait no longer.
-void UdpTransport::look() {
-    tessa::Lock lock(m_mutex);
-    m_watch.clear();
-    bool overtaken = false;
+/// A thread that has been with one call since the last look counts no more, and what it has
+/// received behind that call is served here, so that no datagram waits for that call any longer.
+void UdpTransport::look(Worker& worker) {
+    Drain rest(m_socket, worker);
+    {
+        tessa::Lock lock(m_mutex);
+        m_watch.clear();
+        m_watching = false;
+        if (findStuck() && m_atWork == 0) {
+            rearm();
+        }
+        if (takeOver(rest)) {
+            add(rest);
+        }
+        if (m_atWork > 0 || anyoneToHelp()) {
+            watch();
+        }
+    }
+    if (rest.helping) {
+        serve(rest);
+        end(rest, false);
+    }
+}
+
+/// @return whether there are any that were not known yet
+bool UdpTransport::findStuck() {
+    bool found = false;
     for (Drain* drain : m_drains) {
         if (drain->waiting.load(std::memory_order_relaxed)) {
             drain->looked = false;
@@ -242,18 +229,32 @@ void UdpTransport::look() {
         if (!drain->overtaken && drain->looked && drain->servedAtLook == served) {
             drain->overtaken = true;
             --m_atWork;
-            overtaken = true;
+            found = true;
         }
         drain->looked = true;
         drain->servedAtLook = served;
     }
-    if (overtaken && m_atWork == 0) {
-        rearm();
+    return found;
+}
+
+/// Takes what one of those that are stuck has not begun to serve.
+/// @return false when there is nothing
+bool UdpTransport::takeOver(Drain& rest) {
+    for (Drain* drain : m_drains) {
+        if (drain->overtaken && !drain->helped) {
+            drain->helped = true;
+            rest.helping = rest.batch.takeOver(drain->batch) > 0;
+            if (rest.helping) {
+                return true;
+            }
+        }
     }
-    m_watching = m_atWork > 0;
-    if (m_watching) {
-        m_watch.schedule(DeadlineTimer::Clock::now() + WATCH_INTERVAL);
-    }
+    return false;
+}
+
+bool UdpTransport::anyoneToHelp() const {
+    return std::any_of(m_drains.begin(), m_drains.end(),
+                       [](const Drain* drain) { return drain->overtaken && !drain->helped; });
 }
 
 } // namespace nis

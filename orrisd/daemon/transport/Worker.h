@@ -1,5 +1,6 @@
 #pragma once
 
+#include "daemon/transport/DatagramBatch.h"
 #include "daemon/transport/TransportLimits.h"
 
 #include <memory>
@@ -13,14 +14,14 @@ struct Worker {
     static constexpr std::size_t STREAM_INPUT = 8192;
     static constexpr std::size_t STREAM_OUTPUT = 4 + REPLY_FRAGMENT; ///< with the record mark
 
-    std::span<char> datagramIn() { return take(m_datagramIn, DATAGRAM_MAX); }
-    std::span<char> datagramOut() { return take(m_datagramOut, DATAGRAM_MAX); }
+    std::span<char> datagramsIn() { return take(m_datagramsIn, DatagramBatch::BUFFER); }
+    std::span<char> datagramsOut() { return take(m_datagramsOut, DatagramBatch::BUFFER); }
     std::span<char> streamIn() { return take(m_streamIn, STREAM_INPUT); }
     std::span<char> streamOut() { return take(m_streamOut, STREAM_OUTPUT); }
 
     void release() {
-        m_datagramIn.reset();
-        m_datagramOut.reset();
+        m_datagramsIn.reset();
+        m_datagramsOut.reset();
         m_streamIn.reset();
         m_streamOut.reset();
     }
@@ -35,8 +36,8 @@ private:
         return {buffer.get(), size};
     }
 
-    Buffer m_datagramIn;
-    Buffer m_datagramOut;
+    Buffer m_datagramsIn;
+    Buffer m_datagramsOut;
     Buffer m_streamIn;
     Buffer m_streamOut;
 };

@@ -187,6 +187,9 @@ protected:
         loop = std::make_unique<nis::ServiceLoop>(PROGRAM, limits);
         loop->addUdp(udp.descriptor());
         loop->addTcp(tcp.descriptor());
+        listen(threads);
+    }
+    void listen(unsigned threads) {
         for (unsigned i = 0; i < threads; ++i) {
             listeners.emplace_back().start("client-" + std::to_string(i), [this] { loop->run(); });
         }
@@ -375,6 +378,36 @@ TEST_F(ServiceLoop, calls_that_take_long_do_not_hold_up_those_behind_them) {
         replies.insert(held.receive().value_or("none"));
     }
     EXPECT_EQ(replies, (std::set<std::string>{accepted(1, 0), accepted(2, 0), accepted(3, 0)}));
+    expectService();
+}
+
+/// A thread receives several datagrams at once. One that takes long must hold up neither the
+/// replies to those before it nor the calls behind it.
+TEST_F(ServiceLoop, calls_that_take_long_do_not_hold_up_those_that_came_with_them) {
+    constexpr std::uint32_t CALLS = 60;
+    const std::set<std::uint32_t> long_ones{6, 20, 37};
+    start(0);
+    UdpClient client = udpClient();
+    std::set<std::string> quick;
+    std::set<std::string> late;
+    for (std::uint32_t xid = 1; xid <= CALLS; ++xid) {
+        const bool takesLong = long_ones.count(xid) != 0;
+        client.send(Call{.xid = xid, .procedure = takesLong ? HELD : NOTHING}.bytes());
+        (takesLong ? late : quick).insert(accepted(xid, 0));
+    }
+    listen(4);
+    const auto receive = [&client](std::size_t count) {
+        std::set<std::string> replies;
+        for (std::size_t i = 0; i < count; ++i) {
+            replies.insert(client.receive().value_or("none"));
+        }
+        return replies;
+    };
+    EXPECT_EQ(receive(quick.size()), quick);
+    EXPECT_TRUE(test::eventually([&] { return gGate.waiting() == 3; }));
+    gGate.open(true);
+    EXPECT_EQ(receive(late.size()), late);
+    EXPECT_EQ(client.receive(50ms), std::nullopt) << "each call has one reply";
     expectService();
 }
 

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -73,11 +74,61 @@ TEST(RecordCacheTest, PrefersWhatIsAskedForToWhatIsReadAhead) {
     }
 }
 
+TEST(RecordCacheTest, WhatIsAskedForAgainStaysWhileOthersPass) {
+    RecordCache cache(1 << 20);
+    std::vector<std::string> often;
+    for (int i = 0; i < 500; ++i) {
+        often.push_back("often " + std::to_string(i));
+        cache.insert(1, often.back(), {}, "value of " + often.back());
+    }
+    for (int round = 0; round < 200; ++round) {
+        for (const std::string& key : often) {
+            ASSERT_EQ(valueOf(cache, 1, key), "value of " + key) << round;
+        }
+        for (int i = 0; i < 100; ++i) {
+            cache.insert(2, std::to_string(round * 100 + i), {}, "asked for never");
+        }
+    }
+    EXPECT_LE(cache.memory(), std::size_t{1} << 20);
+}
+
+/// Replaced, forgotten and evicted records in any order: what is found is what was put last.
+TEST(RecordCacheTest, NeverFindsWhatWasReplacedOrForgotten) {
+    RecordCache cache(1 << 18);
+    std::mt19937 random(1); // NOLINT: the same in every run
+    std::vector<std::string> last(300);
+    for (int i = 0; i < 100'000; ++i) {
+        const std::size_t number = random() % last.size();
+        const std::string key = "key " + std::to_string(number);
+        switch (random() % 8) {
+        case 0:
+            cache.forget(1, key);
+            last[number].clear();
+            break;
+        case 1:
+            cache.insertAbsent(1, key);
+            last[number] = "(absent)";
+            break;
+        case 2:
+        case 3:
+            last[number] = std::string(random() % 700, 'v') + std::to_string(i);
+            cache.insert(1, key, {}, last[number]);
+            break;
+        default: {
+            const std::string found = valueOf(cache, 1, key);
+            ASSERT_TRUE(found == "(unknown)" || found == last[number]) << key;
+        }
+        }
+    }
+}
+
 TEST(RecordCacheTest, LargeRecordsAreNotKept) {
     RecordCache cache(1 << 20);
     cache.insert(1, "a", {}, "small");
     cache.insert(1, "a", {}, std::string(RecordCache::LARGEST + 1, 'x'));
     EXPECT_EQ(valueOf(cache, 1, "a"), "(unknown)") << "nor is the one before";
+    cache.insert(1, std::string(RecordCache::LARGEST, 'k'), {}, {});
+    EXPECT_EQ(valueOf(cache, 1, std::string(RecordCache::LARGEST, 'k')), "");
     RecordCache tiny(64);
     tiny.insert(1, "a", {}, "larger than a shard");
     EXPECT_EQ(valueOf(tiny, 1, "a"), "(unknown)");
