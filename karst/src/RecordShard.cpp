@@ -120,12 +120,12 @@ void RecordShard::forget(std::uint64_t owner, std::uint64_t hash, std::string_vi
 void RecordShard::put(const CachedRecord& header, std::string_view key, std::string_view recordKey,
                       std::string_view value) {
     forget(header.owner, header.hash, key);
+    if (m_index.empty()) {
+        m_index.resize(m_sets); // first: it may fail, and what is in a chunk must be a record
+    }
     CachedRecord* const record = room(sizeOf(header));
     if (record == nullptr) {
         return;
-    }
-    if (m_index.empty()) {
-        m_index.resize(m_sets);
     }
     *record = header;
     char* at = reinterpret_cast<char*>(record + 1);
