@@ -16,7 +16,6 @@ constexpr std::size_t SHARDS = 64;
 constexpr std::size_t LARGEST_CHUNK = std::size_t{32} * 1024;
 constexpr std::size_t LEAST_CHUNKS = 2; ///< for each shard
 constexpr std::size_t TYPICAL_RECORD = 96;
-constexpr std::size_t PLACES_A_SET = 8;
 
 std::uint64_t hashOf(RecordCache::Owner owner, std::string_view key) {
     constexpr std::uint64_t SPREAD = 0x9e3779b97f4a7c15;
@@ -35,7 +34,7 @@ std::size_t chunkFor(std::size_t memory) {
 struct RecordCache::Parts {
     explicit Parts(std::size_t memory)
         : arena(chunkFor(memory), chunkFor(memory) == 0 ? 0 : memory / chunkFor(memory)) {
-        const std::size_t sets = memory / SHARDS / TYPICAL_RECORD / PLACES_A_SET;
+        const std::size_t sets = memory / SHARDS / TYPICAL_RECORD / RecordShard::WAYS;
         for (RecordShard& shard : shards) {
             shard.useArena(arena, std::max<std::size_t>(1, sets));
         }

@@ -65,6 +65,8 @@ private:
 /// moves together, the rest makes room. Not thread-safe: the caller holds the mutex.
 class RecordShard {
 public:
+    static constexpr std::size_t WAYS = 8; ///< places that a record's entry can be at: one line
+
     std::mutex mutex;
 
     /// @param sets how many groups of places the index has
@@ -83,8 +85,6 @@ public:
     std::size_t bytes() const;
 
 private:
-    static constexpr std::size_t WAYS = 8; ///< places that a record's entry can be at: one line
-
     /// Where a record is. Nothing is at place 0.
     struct Entry {
         std::uint32_t tag = 0;
