@@ -131,20 +131,28 @@ void DatagramBatch::sendReplies(unsigned end) {
     }
 }
 
-unsigned DatagramBatch::takeOver(DatagramBatch& other) {
-    const unsigned progress = other.m_progress.exchange(TAKEN_OVER, std::memory_order_acq_rel);
+/// Whether the owner has calls before it or is with one; behind the last one it receives.
+bool DatagramBatch::isServing(unsigned progress) {
+    return (progress & TAKEN_OVER) == 0 && (progress & INDEX_MASK) <= progress >> COUNT_SHIFT;
+}
+
+std::optional<unsigned> DatagramBatch::takeOver(DatagramBatch& other) {
+    unsigned progress = other.m_progress.load(std::memory_order_relaxed);
+    do {
+        if (!isServing(progress)) {
+            return std::nullopt;
+        }
+    } while (
+        !other.m_progress.compare_exchange_weak(progress, TAKEN_OVER, std::memory_order_acq_rel));
     const unsigned first = progress & INDEX_MASK;
     const unsigned end = progress >> COUNT_SHIFT;
+    other.sendReplies(std::max(first, 1U) - 1); // the last begun may not be finished
+    other.m_count = first;
     unsigned count = 0;
-    // An owner that is behind its last call is receiving, and needs no help: it begins afresh.
-    if (first <= end) {
-        other.sendReplies(std::max(first, 1U) - 1); // the last begun may not be finished
-        other.m_count = first;
-        for (unsigned i = first; i < end; ++i, ++count) {
-            const std::span<char> call = other.call(i);
-            m_slots[count] = other.m_slots[i];
-            std::copy(call.begin(), call.end(), m_in.begin() + count * DATAGRAM_MAX);
-        }
+    for (unsigned i = first; i < end; ++i, ++count) {
+        const std::span<char> call = other.call(i);
+        m_slots[count] = other.m_slots[i];
+        std::copy(call.begin(), call.end(), m_in.begin() + count * DATAGRAM_MAX);
     }
     begin(count);
     return count;

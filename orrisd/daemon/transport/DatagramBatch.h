@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <optional>
 #include <span>
 
 #include <netinet/in.h>
@@ -51,8 +52,9 @@ public:
 
     /// Takes into this empty batch what the owner of the other has not begun to serve, and sends
     /// the replies that it has finished.
-    /// @return how many there are to serve now; 0 also when the owner is not serving
-    unsigned takeOver(DatagramBatch& other);
+    /// @return how many there are to serve now; nothing, with nothing done, when the owner is not
+    ///         serving
+    std::optional<unsigned> takeOver(DatagramBatch& other);
 
 private:
     // How far the owner is: the index of the next one, and from this bit on how many there are.
@@ -69,6 +71,7 @@ private:
         std::size_t reply = 0; ///< bytes, 0: none
     };
 
+    static bool isServing(unsigned progress);
     void begin(unsigned count);
     msghdr header(unsigned index, iovec& piece, std::size_t controlLength);
     void note(unsigned index, const mmsghdr& received);

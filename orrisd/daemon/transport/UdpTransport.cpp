@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <thread>
 
 #include <sys/epoll.h>
@@ -242,8 +243,10 @@ bool UdpTransport::findStuck() {
 bool UdpTransport::takeOver(Drain& rest) {
     for (Drain* drain : m_drains) {
         if (drain->overtaken && !drain->helped) {
-            drain->helped = true;
-            rest.helping = rest.batch.takeOver(drain->batch) > 0;
+            // One that was not stuck after all may be with its next batch: it is looked at again.
+            const std::optional<unsigned> taken = rest.batch.takeOver(drain->batch);
+            drain->helped = taken.has_value();
+            rest.helping = taken.value_or(0) > 0;
             if (rest.helping) {
                 return true;
             }

@@ -182,17 +182,20 @@ TEST_F(DatagramBatchTest, AnOwnerWithItsLastCallLosesNothing) {
 
 TEST_F(DatagramBatchTest, AnOwnerThatReceivesIsLeftAlone) {
     Buffered helper(m_socket.descriptor());
-    EXPECT_EQ(helper.batch.takeOver(m_batch), 0U) << "before its first datagram";
+    EXPECT_EQ(helper.batch.takeOver(m_batch), std::nullopt) << "before its first datagram";
     fill(m_client, m_batch, 2);
     serveNext(m_batch);
     serveNext(m_batch);
     EXPECT_EQ(serveNext(m_batch), "(none)");
-    EXPECT_EQ(helper.batch.takeOver(m_batch), 0U) << "behind its last call";
+    EXPECT_EQ(helper.batch.takeOver(m_batch), std::nullopt) << "behind its last call";
     m_batch.sendReplies();
     EXPECT_EQ(receiveAll(m_client), (std::set<std::string>{"call 0!", "call 1!"}));
     m_client.send("next");
     ASSERT_EQ(m_batch.receive(MSG_DONTWAIT), 1U);
-    EXPECT_EQ(serveNext(m_batch), "next");
+    EXPECT_EQ(helper.batch.takeOver(m_batch), 1U) << "but not for ever";
+    EXPECT_EQ(serveNext(helper.batch), "next");
+    EXPECT_EQ(serveNext(m_batch), "(none)");
+    EXPECT_EQ(helper.batch.takeOver(m_batch), std::nullopt) << "once";
 }
 
 TEST_F(DatagramBatchTest, EveryCallIsServedOnceWhoeverIsFaster) {
@@ -207,7 +210,7 @@ TEST_F(DatagramBatchTest, EveryCallIsServedOnceWhoeverIsFaster) {
         ASSERT_EQ(m_batch.receive(MSG_DONTWAIT), DatagramBatch::MOST);
         unsigned served = 0;
         std::thread other([&] {
-            if (helper.batch.takeOver(m_batch) > 0) {
+            if (helper.batch.takeOver(m_batch).value_or(0) > 0) {
                 while (helper.batch.next() != DatagramBatch::NONE) {
                     ++served;
                 }
