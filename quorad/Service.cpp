@@ -70,6 +70,14 @@ std::string Service::dispatch(const Row& row, std::string_view frame) {
     if (!m_greeted && row.operation != Q_HELLO) {
         return refuse(&row, Q_WRONG_VERSION, "the first request must tell the version");
     }
+    if (std::optional<std::string> prepared = takePrepared(request)) {
+        return std::move(*prepared);
+    }
+    m_likely.reset();
+    return respond(row, request);
+}
+
+std::string Service::respond(const Row& row, const q_request& request) {
     try {
         return ask(row, request);
     } catch (const tessa::NotFoundException& error) {
@@ -242,6 +250,8 @@ std::string Service::searchPage(unsigned operation, unsigned cursor) {
         std::string frame = encodeBounded(answer);
         if (page.cursor == 0) {
             m_searches.erase(open);
+        } else {
+            m_likely = Next{Q_SEARCH_NEXT, cursor};
         }
         return frame;
     } catch (...) {
@@ -275,7 +285,8 @@ q_page Service::fillPage(Pager<tessa::ADObject>& pager, messages::Arena& arena) 
 
 std::string Service::searchEnd(const q_request& request) {
     const unsigned cursor = request.q_request_u.end_cursor;
-    if (m_searches.erase(cursor) == 0) {
+    const bool prepared = forgetPrepared({Q_SEARCH_NEXT, cursor});
+    if (m_searches.erase(cursor) == 0 && !prepared) {
         throw NoSuchCursor("no search " + std::to_string(cursor) + " is open");
     }
     return messages::encode(success(request.operation));

@@ -18,6 +18,7 @@ namespace quorad {
 /// (searches, one enumeration of users and one of groups) is bounded, belongs to it and ends with
 /// it. Failures of the directory are answers, never the end of the connection; a search or an
 /// enumeration that has failed is closed, so that it cannot be taken for one that has ended.
+/// While the client works on a page, the next one is made, so that neither waits for the other.
 /// Used by the connection's thread alone; what it refers to outlives it.
 class Service : public twine::Conversation {
 public:
@@ -29,6 +30,8 @@ public:
 
     /// Always an answer, whatever the request is.
     std::string answer(std::string_view frame) override;
+    /// Makes the page that the client is likely to ask for next. One at most is kept.
+    void answered() override;
 
 private:
     using Handler = std::string (Service::*)(const q_request&);
@@ -41,7 +44,21 @@ private:
     };
     static const Row* rowOf(unsigned operation);
 
+    /// Names the page of a search or an enumeration that comes next.
+    struct Next {
+        unsigned operation = 0;
+        unsigned cursor = 0; ///< 0 unless it is of a search
+
+        bool operator==(const Next&) const = default;
+    };
+    /// A page that was made before it was asked for, or why it could not be made.
+    struct Prepared {
+        Next page;
+        std::string frame;
+    };
+
     std::string dispatch(const Row& row, std::string_view frame);
+    std::string respond(const Row& row, const q_request& request);
     std::string ask(const Row& row, const q_request& request);
     std::string refuse(const Row* row, q_status status, const std::string& message) const;
 
@@ -62,6 +79,8 @@ private:
     std::string group(const q_request& request);
 
     tessa::ADObject fetchObject(Backend& backend, const q_fetch& wanted);
+    std::optional<std::string> takePrepared(const q_request& request);
+    bool forgetPrepared(const Next& page);
     std::string searchPage(unsigned operation, unsigned cursor);
     q_page fillPage(Pager<tessa::ADObject>& pager, tessa::messages::Arena& arena);
     q_user_page fillUsers(tessa::messages::Arena& arena);
@@ -75,7 +94,9 @@ private:
     const boost::shared_ptr<tessa::Logger> m_logger;
 
     bool m_greeted = false;
-    bool m_fromMemory = false; ///< the answer at hand was made without the directory
+    bool m_fromMemory = false;    ///< the answer at hand was made without the directory
+    std::optional<Next> m_likely; ///< what the client asks for next if it goes on
+    std::optional<Prepared> m_prepared;
     unsigned m_lastCursor = 0;
     std::map<unsigned, Pager<tessa::ADObject>> m_searches;
     std::optional<Pager<tessa::UserRecord>> m_users;

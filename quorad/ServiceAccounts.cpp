@@ -11,6 +11,7 @@ namespace messages = tessa::messages;
 
 std::string Service::usersStart(const q_request& request) {
     KARST_LOG(m_logger, tessa::LOG_DEBUGGING, "%s enumerates the users", m_client.c_str());
+    forgetPrepared({Q_USERS_NEXT, 0});
     m_users.reset();
     const auto backend = m_backend.get();
     m_users.emplace(backend, backend->directory->users(request.q_request_u.user_flags));
@@ -28,6 +29,8 @@ std::string Service::usersNext(const q_request& request) {
         std::string frame = encodeBounded(answer);
         if (resultOf(answer).users.more == FALSE) {
             m_users.reset();
+        } else {
+            m_likely = Next{Q_USERS_NEXT, 0};
         }
         return frame;
     } catch (...) {
@@ -56,12 +59,14 @@ q_user_page Service::fillUsers(messages::Arena& arena) {
 }
 
 std::string Service::usersEnd(const q_request& request) {
+    forgetPrepared({Q_USERS_NEXT, 0});
     m_users.reset();
     return messages::encode(success(request.operation));
 }
 
 std::string Service::groupsStart(const q_request& request) {
     KARST_LOG(m_logger, tessa::LOG_DEBUGGING, "%s enumerates the groups", m_client.c_str());
+    forgetPrepared({Q_GROUPS_NEXT, 0});
     m_groups.reset();
     m_firstMember = 0;
     const auto backend = m_backend.get();
@@ -80,6 +85,8 @@ std::string Service::groupsNext(const q_request& request) {
         std::string frame = encodeBounded(answer);
         if (resultOf(answer).groups.more == FALSE) {
             m_groups.reset();
+        } else {
+            m_likely = Next{Q_GROUPS_NEXT, 0};
         }
         return frame;
     } catch (...) {
@@ -120,6 +127,7 @@ bool Service::addGroupPiece(q_group_page& page, std::size_t& bytes, messages::Ar
 }
 
 std::string Service::groupsEnd(const q_request& request) {
+    forgetPrepared({Q_GROUPS_NEXT, 0});
     m_groups.reset();
     return messages::encode(success(request.operation));
 }

@@ -4,6 +4,8 @@
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
 
+#include <array>
+#include <cstddef>
 #include <filesystem>
 #include <string>
 
@@ -70,11 +72,11 @@ void snapshotViews(benchmark::State& state) {
     for (auto _ : state) {
         const auto iterator = snapshot.iterator();
         nis::MapEntry entry = **iterator;
-        nis::MapIterator::View view;
+        std::array<nis::MapIterator::View, 32> views;
         while (!entry.key.empty()) {
-            while (iterator->peek(view)) {
-                benchmark::DoNotOptimize(view);
-                iterator->skip();
+            while (const std::size_t shown = iterator->peek(views)) {
+                benchmark::DoNotOptimize(views);
+                iterator->skipTo(views[shown - 1]);
             }
             entry = *++*iterator;
         }

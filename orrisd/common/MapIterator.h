@@ -2,6 +2,9 @@
 
 #include "common/MapEntry.h"
 
+#include <cstddef>
+#include <span>
+#include <string>
 #include <string_view>
 
 namespace nis {
@@ -21,12 +24,14 @@ public:
         std::string_view key;
         std::string_view value;
     };
-    /// The entry behind the current one, if it is in memory anyway. It stays until the next
-    /// operation. Never throws.
-    /// @return false when the entry must be read, is the end, or cannot be told: advance instead
-    virtual bool peek(View& /*entry*/) noexcept { return false; }
-    /// Makes the entry that peek() showed the current one.
-    virtual void skip() noexcept {}
+    /// The entries behind the current one that are in memory anyway, in their order. They stay
+    /// until the next operation. Never throws.
+    /// @param entries set to them; no more than it has room for
+    /// @return how many; 0 when the next entry must be read, is the end, or cannot be told: advance
+    ///         instead
+    virtual std::size_t peek(std::span<View> /*entries*/) noexcept { return 0; }
+    /// Makes an entry that the last peek() showed the current one.
+    virtual void skipTo(const View& /*entry*/) noexcept {}
 };
 
 } // namespace nis

@@ -15,17 +15,16 @@ public:
     MapIterator& operator++() override;
     MapEntry operator*() override;
     std::string getMapName() const override { return m_snapshot->getMapName(); }
-    bool peek(View& entry) noexcept override;
-    void skip() noexcept override;
+    std::size_t peek(std::span<View> entries) noexcept override;
+    void skipTo(const View& entry) noexcept override;
 
 private:
-    bool viewString(std::uint64_t& at, std::string_view& text) const noexcept;
+    std::uint64_t positionOf(const char* bytes) const noexcept;
 
     boost::shared_ptr<const CacheSnapshot> m_snapshot;
     MapEntry m_current; ///< its key is empty before the first advance
     bool m_atEnd = false;
     std::uint64_t m_position = NOT_STARTED;  ///< behind the current entry
-    std::uint64_t m_peeked = NOT_STARTED;    ///< behind the entry that peek() showed
     std::uint64_t m_skippedTo = NOT_STARTED; ///< the current entry, which m_current is not yet
     Window m_window;
 };

@@ -5,12 +5,14 @@
 #include "yp/YpDescribe.h"
 #include "yp/YpXdr.h"
 
+#include <array>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <memory>
 #include <new>
-#include <string_view>
+#include <span>
 
 #include <arpa/inet.h>
 #include <pthread.h>
@@ -58,41 +60,95 @@ char* putOpaque(char* place, const char* bytes, std::size_t size) {
     return end;
 }
 
-/// Writes flag and entry straight into the stream's buffer.
-/// @return false when there is not that much room in one piece, with nothing written
-bool encodeInPlace(XDR* xdr, std::string_view key, std::string_view value) {
-    if (key.size() > YPMAXREPLY || value.size() > YPMAXREPLY) {
-        return false;
-    }
+bool fitsReply(const MapIterator::View& entry) {
+    return entry.key.size() <= YPMAXREPLY && entry.value.size() <= YPMAXREPLY;
+}
+
+std::size_t encodedSize(const MapIterator::View& entry) {
     constexpr std::size_t WORDS = 4 * sizeof(std::uint32_t); // flag, status and two lengths
-    const std::size_t size = WORDS + padded(key.size()) + padded(value.size());
-    void* room = XDR_INLINE(xdr, static_cast<u_int>(size));
-    if (room == nullptr) {
+    return WORDS + padded(entry.key.size()) + padded(entry.value.size());
+}
+
+/// The stream's buffer itself, if it has that much room in one piece.
+char* roomFor(XDR* xdr, std::size_t size) {
+    void* const room = XDR_INLINE(xdr, static_cast<u_int>(size));
+    return static_cast<char*>(room);
+}
+
+/// Writes flag and entry.
+char* putEntry(char* place, const MapIterator::View& entry) {
+    place = putWord(place, TRUE);
+    place = putWord(place, static_cast<std::uint32_t>(YP_TRUE));
+    place = putOpaque(place, entry.value.data(), entry.value.size());
+    return putOpaque(place, entry.key.data(), entry.key.size());
+}
+
+/// @return false when there is no room in one piece, with nothing written
+bool encodeInPlace(XDR* xdr, const MapIterator::View& entry) {
+    char* const place = fitsReply(entry) ? roomFor(xdr, encodedSize(entry)) : nullptr;
+    if (place == nullptr) {
         return false;
     }
-    char* place = putWord(static_cast<char*>(room), TRUE);
-    place = putWord(place, static_cast<std::uint32_t>(YP_TRUE));
-    place = putOpaque(place, value.data(), value.size());
-    putOpaque(place, key.data(), key.size());
+    putEntry(place, entry);
     return true;
 }
 
 bool encodeInPlace(XDR* xdr, const ypresp_key_val& entry) {
-    return entry.stat == YP_TRUE && encodeInPlace(xdr, {entry.key.keydat_val, entry.key.keydat_len},
-                                                  {entry.val.valdat_val, entry.val.valdat_len});
+    return entry.stat == YP_TRUE &&
+           encodeInPlace(xdr, MapIterator::View{{entry.key.keydat_val, entry.key.keydat_len},
+                                                {entry.val.valdat_val, entry.val.valdat_len}});
+}
+
+/// Writes all the entries, with room asked for once.
+/// @return false when that is not to be had, with nothing written
+bool encodeTogether(XDR* xdr, std::span<const MapIterator::View> entries) {
+    std::size_t size = 0;
+    for (const MapIterator::View& entry : entries) {
+        if (!fitsReply(entry)) {
+            return false;
+        }
+        size += encodedSize(entry);
+    }
+    char* place = roomFor(xdr, size);
+    if (place == nullptr) {
+        return false;
+    }
+    for (const MapIterator::View& entry : entries) {
+        place = putEntry(place, entry);
+    }
+    return true;
+}
+
+/// @return how many of the entries were written, from the first one on
+std::size_t encodeWhatFits(XDR* xdr, std::span<const MapIterator::View> entries) {
+    if (encodeTogether(xdr, entries)) {
+        return entries.size();
+    }
+    std::size_t count = 0;
+    while (count < entries.size() && encodeInPlace(xdr, entries[count])) {
+        ++count;
+    }
+    return count;
 }
 
 /// Sends the entries that the iterator has in memory and the stream has room for. Where there are
 /// no more of these, the general way goes on.
 void encodeAhead(XDR* xdr) {
+    constexpr std::size_t AT_ONCE = 32;
     const IteratorHolder* holder = GetMapIteratorFromTSS();
     if (holder == nullptr || !*holder || logger->enabled(tessa::LOG_DEBUGGING)) {
         return; // the general way logs each entry
     }
     MapIterator& iterator = **holder;
-    MapIterator::View entry;
-    while (iterator.peek(entry) && encodeInPlace(xdr, entry.key, entry.value)) {
-        iterator.skip();
+    std::array<MapIterator::View, AT_ONCE> entries;
+    while (const std::size_t shown = iterator.peek(entries)) {
+        const std::size_t sent = encodeWhatFits(xdr, std::span(entries).first(shown));
+        if (sent > 0) {
+            iterator.skipTo(entries[sent - 1]);
+        }
+        if (sent < shown) {
+            return;
+        }
     }
 }
 

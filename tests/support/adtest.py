@@ -30,10 +30,10 @@ class AdTest(nistest.NisTest):
     ZONE = "CN=zoneA," + PARENT_ZONE
 
     def setUp(self):
-        super().setUp()
         for path, content in ORIGINAL.items():
             with open(path, "wb") as file:
                 file.write(content)
+        super().setUp()
         self.lab = adlab.Lab(self.controllers, self.image, type(self).build)
         self.addCleanup(self.lab.stop)
         self.lab.start()

@@ -314,6 +314,9 @@ void Server::Impl::converse(const Connection& connection) {
         }
         const std::string answer = conversation->answer(request);
         writeFrame(socket, answer, Clock::now() + limit);
+        if (!m_stopping) {
+            conversation->answered();
+        }
     }
 }
 

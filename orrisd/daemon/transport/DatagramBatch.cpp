@@ -152,7 +152,7 @@ std::optional<unsigned> DatagramBatch::takeOver(DatagramBatch& other) {
     for (unsigned i = first; i < end; ++i, ++count) {
         const std::span<char> call = other.call(i);
         m_slots[count] = other.m_slots[i];
-        std::copy(call.begin(), call.end(), m_in.begin() + count * DATAGRAM_MAX);
+        std::copy(call.begin(), call.end(), m_in.subspan(count * DATAGRAM_MAX).begin());
     }
     begin(count);
     return count;

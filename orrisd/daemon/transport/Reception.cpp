@@ -3,8 +3,6 @@
 #include "daemon/transport/Poller.h"
 #include "daemon/transport/ServiceLoop.h"
 
-#include <utility>
-
 #include <poll.h>
 #include <sys/epoll.h>
 
@@ -39,12 +37,13 @@ void Reception::takeAgain() {
     }
 }
 
-bool Reception::waitForClient() {
-    if (!m_mine || !m_loop.isWatched() || m_loop.stopping()) {
-        return false;
-    }
+bool Reception::goesOn() const {
+    return m_mine && m_loop.isWatched() && !m_loop.stopping();
+}
+
+bool Reception::waitForClient() const {
     pollfd listener{m_listener, POLLIN, 0};
-    return std::exchange(m_clientSeen, false) || poll(&listener, 1, MOMENT) > 0;
+    return goesOn() && poll(&listener, 1, MOMENT) > 0;
 }
 
 bool Reception::waitForInput(int connection) {
@@ -55,7 +54,6 @@ bool Reception::waitForInput(int connection) {
     if (m_mine && poll(sockets, 2, MOMENT) <= 0) {
         return false;
     }
-    m_clientSeen = sockets[1].revents != 0;
     if (sockets[0].revents != 0) {
         return true; // it may be about to leave; then the next client is this turn's as well
     }

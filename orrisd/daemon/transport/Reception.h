@@ -27,9 +27,11 @@ public:
     Reception(const Reception&) = delete;
     Reception& operator=(const Reception&) = delete;
 
+    /// Whether the next client is this turn's as well.
+    bool goesOn() const;
     /// Waits for a new client for a moment.
     /// @return whether there is one, as far as can be told
-    bool waitForClient();
+    bool waitForClient() const;
     /// Waits for input of the new client for a moment.
     /// @return false when there is none
     bool waitForInput(int connection);
@@ -45,8 +47,7 @@ private:
     const int m_listener;
     EventSource& m_source;
     std::atomic<int>& m_turns;
-    bool m_mine = true;        ///< whether this turn has the listener
-    bool m_clientSeen = false; ///< while it waited for input
+    bool m_mine = true; ///< whether this turn has the listener
 };
 
 } // namespace nis

@@ -111,9 +111,13 @@ bool TcpConnection::endTurn(bool isNew) {
 }
 
 TcpConnection::Turn TcpConnection::serveNew(Worker& worker) {
-    for (int reads = 0; reads < READS_A_TURN && m_reception->waitForInput(m_socket); ++reads) {
+    for (int reads = 0; reads < READS_A_TURN; ++reads) {
         std::size_t size = 0;
-        const Input input = read(worker, size);
+        // The first call is mostly there already; what comes after it is waited for.
+        Input input = reads == 0 ? read(worker, size) : Input::NONE;
+        if (input == Input::NONE && m_reception->waitForInput(m_socket)) {
+            input = read(worker, size);
+        }
         if (input == Input::NONE) {
             break;
         }

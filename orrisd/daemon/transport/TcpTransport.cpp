@@ -65,12 +65,13 @@ void TcpTransport::onReady(Worker& worker) {
             reception.leaveClosed(); // a closing connection or the timer arms the listener again
             return;
         }
+        // The next client is mostly there when the one before it has left.
         TcpConnection* const connection = acceptOne();
         if (connection != nullptr) {
             connection->greet(worker, reception);
+            reception.takeAgain();
         }
-        reception.takeAgain();
-        if (!reception.waitForClient()) {
+        if (!(connection != nullptr ? reception.goesOn() : reception.waitForClient())) {
             return;
         }
     }

@@ -4,6 +4,9 @@
 
 #include <boost/make_shared.hpp>
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
 #include <filesystem>
 #include <thread>
 
@@ -153,17 +156,23 @@ TEST_F(CacheSnapshotTest, EntriesInMemoryAreShownWithoutACopy) {
     entries["large"] = std::string(65000, 'l'); // with its key no window has room for two of these
     entries["larger"] = std::string(65535, 'm');
     const auto iterator = CacheSnapshot::getIterator(makeSnapshot(entries));
-    nis::MapIterator::View view;
-    EXPECT_FALSE(iterator->peek(view)) << "nothing has been read yet";
+    std::array<nis::MapIterator::View, 5> views;
+    EXPECT_EQ(iterator->peek(views), 0U) << "nothing has been read yet";
     test::Entries found;
     std::size_t shown = 0;
     MapEntry entry = **iterator;
     while (!entry.key.empty()) {
         EXPECT_TRUE(found.emplace(entry.key, entry.value).second) << entry.key;
-        if (iterator->peek(view)) {
-            const MapEntry seen{std::string(view.key), std::string(view.value)};
-            ++shown;
-            iterator->skip();
+        // Now all of them are taken, now the first ones only.
+        const std::size_t taken = std::min(iterator->peek(views), 1 + shown % views.size());
+        for (std::size_t i = 0; i + 1 < taken; ++i) {
+            EXPECT_TRUE(found.emplace(views[i].key, views[i].value).second) << views[i].key;
+        }
+        if (taken > 0) {
+            const nis::MapIterator::View& last = views[taken - 1];
+            const MapEntry seen{std::string(last.key), std::string(last.value)};
+            shown += taken;
+            iterator->skipTo(last);
             entry = shown % 3 == 0 ? **iterator : seen; // the one shown is the current one
             EXPECT_EQ(entry.key, seen.key);
             EXPECT_EQ(entry.value, seen.value);
@@ -173,8 +182,9 @@ TEST_F(CacheSnapshotTest, EntriesInMemoryAreShownWithoutACopy) {
     }
     EXPECT_EQ(found, entries);
     EXPECT_GT(shown, 4900U);
-    EXPECT_FALSE(iterator->peek(view)) << "the end";
+    EXPECT_EQ(iterator->peek(views), 0U) << "the end";
     EXPECT_TRUE((**iterator).key.empty());
+    EXPECT_EQ(iterator->peek({}), 0U);
 }
 
 TEST_F(CacheSnapshotTest, ManyThreadsReadAtOnce) {

@@ -37,8 +37,20 @@ public:
         if (request == "fail") {
             throw std::runtime_error("asked to fail");
         }
-        return "<" + std::string(request) + ">";
+        m_last = request;
+        return "<" + m_last + ">";
     }
+    void answered() override {
+        ++afterwards;
+        if (m_last == "fail afterwards") {
+            throw std::runtime_error("failed afterwards");
+        }
+    }
+
+    static inline std::atomic<int> afterwards{0};
+
+private:
+    std::string m_last;
 };
 
 class ServerTest : public ::testing::Test {
@@ -83,6 +95,18 @@ protected:
     SocketFolder m_folder;
     Reports m_reports;
 };
+
+TEST_F(ServerTest, ConversationMayWorkOnAfterItsAnswer) {
+    Server server(options());
+    server.start();
+    const auto client = connected();
+    const int before = Echo::afterwards;
+    EXPECT_EQ("<a>", client->call("a", LIMIT));
+    EXPECT_TRUE(eventually([&] { return Echo::afterwards == before + 1; }));
+    EXPECT_EQ("<fail afterwards>", client->call("fail afterwards", LIMIT));
+    EXPECT_TRUE(eventually([this] { return m_reports.mention("failed afterwards"); }));
+    EXPECT_THROW(client->call("b", LIMIT), CallError);
+}
 
 TEST_F(ServerTest, CallsAreAnsweredInTurnOnOneConnection) {
     Server server(options());

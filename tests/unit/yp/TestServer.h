@@ -5,6 +5,8 @@
 
 #include <boost/make_shared.hpp>
 
+#include <algorithm>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <string>
@@ -24,6 +26,8 @@ public:
     /// Called before a whole-map iterator delivers the entry with that index.
     std::function<void(unsigned)> atEntry;
     mutable int iteratorsAlive = 0;
+    /// How many entries behind the current one a whole-map iterator has in memory.
+    std::size_t inMemory = 0;
 
     bool isDomainSupported(const char* domain) const override {
         begin();
@@ -97,6 +101,20 @@ private:
             return at(m_entries, m_current);
         }
         std::string getMapName() const override { return m_name; }
+        std::size_t peek(std::span<View> entries) noexcept override {
+            std::size_t count = 0;
+            for (auto place = m_current; place != m_entries.end() && ++place != m_entries.end() &&
+                                         count < std::min(entries.size(), m_server.inMemory);
+                 ++count) {
+                entries[count] = {place->first, place->second};
+            }
+            return count;
+        }
+        void skipTo(const View& entry) noexcept override {
+            while (m_current->first.data() != entry.key.data()) {
+                ++*this;
+            }
+        }
 
     private:
         const TestServer& m_server;

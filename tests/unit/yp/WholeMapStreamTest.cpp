@@ -174,6 +174,25 @@ TEST_F(WholeMapStream, an_entry_larger_than_the_room_left_in_one_piece) {
     EXPECT_EQ(transfer("large"), entry("a", large) + entry("b", large) + END);
 }
 
+TEST_F(WholeMapStream, entries_in_memory_are_sent_in_their_order_whatever_room_there_is) {
+    std::string expected;
+    for (int i = 1000; i < 1200; ++i) {
+        const std::size_t size = i % 90 == 0 ? 20'000 : static_cast<std::size_t>(i % 37);
+        const std::string key = "key" + std::to_string(i);
+        server.maps["many"][key] = std::string(size, 'v');
+        expected += entry(key, server.maps["many"][key]);
+    }
+    expected += END;
+    for (const std::size_t inMemory : {0U, 1U, 2U, 31U, 32U, 33U, 1000U}) {
+        server.inMemory = inMemory;
+        EXPECT_EQ(transfer("many"), expected) << inMemory;
+        for (std::size_t room = 0; room < expected.size(); room += room < 9000 ? 44 : 4444) {
+            EXPECT_EQ(transfer("many", "company", room), "does not encode") << room;
+        }
+        EXPECT_EQ(transfer("many", "company", expected.size()), expected) << inMemory;
+    }
+}
+
 TEST_F(WholeMapStream, decoding_takes_one_record_at_a_time) {
     std::string bytes = entry("key", "value") + END;
     XDR xdr{};

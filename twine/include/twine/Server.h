@@ -22,6 +22,9 @@ public:
     virtual ~Conversation() = default;
     /// An exception ends the connection (with a warning through ServerOptions::report).
     virtual std::string answer(std::string_view request) = 0;
+    /// Called when the answer has been sent, before the next request is read: time to prepare for
+    /// it. A client that asks at once waits until this is done. An exception ends the connection.
+    virtual void answered() {}
 };
 
 struct ServerOptions {
