@@ -121,7 +121,8 @@ void SessionLink::sendDeferred() {
         const q_request request = m_deferred.back();
         m_deferred.pop_back();
         try {
-            exchange(request, Patience::Call);
+            // The daemon may still be at a page that nobody asks for any more.
+            exchange(request, Patience::Page);
         } catch (const TESSAException&) {
             if (!m_client.connected()) {
                 throw;

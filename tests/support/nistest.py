@@ -258,9 +258,14 @@ class NisTest(unittest.TestCase):
             wait_for(lambda: client.maplist()[1], "maps")
 
     def refresh(self, number=signal.SIGUSR2):
-        """Asks for an update and returns when it has succeeded (needs debug logging)."""
+        """Asks for an update and returns when it has succeeded (needs debug logging). One that was
+        on its way already does not count: it may have read the directory before."""
         mark = self.orrisd.log_size()
         self.orrisd.signal(number)
+        begun = ("Re-building existing explicit maps" if number == signal.SIGUSR1
+                 else "Refresh existing maps")
+        self.orrisd.wait_log(begun, mark)
+        mark += self.orrisd.log(mark).index(begun.encode())
         self.orrisd.wait_log("Update complete$", mark)
 
     @contextlib.contextmanager

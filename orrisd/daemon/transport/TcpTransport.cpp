@@ -71,7 +71,8 @@ void TcpTransport::onReady(Worker& worker) {
             connection->greet(worker, reception);
             reception.takeAgain();
         }
-        if (!(connection != nullptr ? reception.goesOn() : reception.waitForClient())) {
+        const bool more = connection != nullptr ? reception.goesOn() : reception.waitForClient();
+        if (!more) {
             return;
         }
     }
