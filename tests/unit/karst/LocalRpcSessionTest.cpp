@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <limits>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 
 namespace {
 
@@ -246,6 +248,30 @@ TEST_F(LocalRpcSessionTest, DaemonThatNeverAnswersCostsOnlyTheDeadline) {
     hold.unlock();
     session.setDeadlines(std::chrono::seconds(20), std::chrono::seconds(20));
     EXPECT_EQ("late", session.loadSetting("x")); // on a connection of its own, not a late answer
+}
+
+// The daemon may be making the next page of the search when it is given up.
+TEST_F(LocalRpcSessionTest, EndOfASearchHasAsLongAsAPage) {
+    unsigned cursor = 0;
+    m_daemon.start([&cursor](const q_request& request) {
+        switch (request.operation) {
+        case Q_SEARCH:
+            return ScriptedDaemon::page(request, ++cursor, {"first"});
+        case Q_SEARCH_END:
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            return ScriptedDaemon::done(request);
+        default:
+            return ScriptedDaemon::page(request, 0, {"last"});
+        }
+    });
+    LocalRpcSession session(m_daemon.socket(), true, true);
+    auto givenUp = search(session);
+    const auto list = search(session);
+    session.setDeadlines(std::chrono::milliseconds(50), std::chrono::seconds(20));
+    givenUp.reset();
+    EXPECT_EQ((std::vector<std::string>{"first", "last"}), drain(*list));
+    EXPECT_EQ((Operations{Q_SEARCH, Q_SEARCH, Q_SEARCH_END, Q_SEARCH_NEXT}), m_daemon.operations());
+    EXPECT_EQ(1U, m_daemon.connections());
 }
 
 TEST_F(LocalRpcSessionTest, SettingThatIsEmptyIsNoError) {
