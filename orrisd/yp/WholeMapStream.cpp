@@ -5,6 +5,7 @@
 #include "yp/YpDescribe.h"
 #include "yp/YpXdr.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdlib>
@@ -69,12 +70,6 @@ std::size_t encodedSize(const MapIterator::View& entry) {
     return WORDS + padded(entry.key.size()) + padded(entry.value.size());
 }
 
-/// The stream's buffer itself, if it has that much room in one piece.
-char* roomFor(XDR* xdr, std::size_t size) {
-    void* const room = XDR_INLINE(xdr, static_cast<u_int>(size));
-    return static_cast<char*>(room);
-}
-
 /// Writes flag and entry.
 char* putEntry(char* place, const MapIterator::View& entry) {
     place = putWord(place, TRUE);
@@ -83,49 +78,40 @@ char* putEntry(char* place, const MapIterator::View& entry) {
     return putOpaque(place, entry.key.data(), entry.key.size());
 }
 
-/// @return false when there is no room in one piece, with nothing written
-bool encodeInPlace(XDR* xdr, const MapIterator::View& entry) {
-    char* const place = fitsReply(entry) ? roomFor(xdr, encodedSize(entry)) : nullptr;
-    if (place == nullptr) {
+/// Writes all the entries straight into the stream's buffer.
+/// @return false when there is not that much room in one piece, with nothing written
+bool encodeInPlace(XDR* xdr, std::span<const MapIterator::View> entries) {
+    if (!std::all_of(entries.begin(), entries.end(), fitsReply)) {
         return false;
     }
-    putEntry(place, entry);
-    return true;
-}
-
-bool encodeInPlace(XDR* xdr, const ypresp_key_val& entry) {
-    return entry.stat == YP_TRUE &&
-           encodeInPlace(xdr, MapIterator::View{{entry.key.keydat_val, entry.key.keydat_len},
-                                                {entry.val.valdat_val, entry.val.valdat_len}});
-}
-
-/// Writes all the entries, with room asked for once.
-/// @return false when that is not to be had, with nothing written
-bool encodeTogether(XDR* xdr, std::span<const MapIterator::View> entries) {
     std::size_t size = 0;
     for (const MapIterator::View& entry : entries) {
-        if (!fitsReply(entry)) {
-            return false;
-        }
         size += encodedSize(entry);
     }
-    char* place = roomFor(xdr, size);
-    if (place == nullptr) {
+    void* const room = XDR_INLINE(xdr, static_cast<u_int>(size));
+    if (room == nullptr) {
         return false;
     }
+    char* place = static_cast<char*>(room);
     for (const MapIterator::View& entry : entries) {
         place = putEntry(place, entry);
     }
     return true;
 }
 
+bool encodeInPlace(XDR* xdr, const ypresp_key_val& entry) {
+    const MapIterator::View view{{entry.key.keydat_val, entry.key.keydat_len},
+                                 {entry.val.valdat_val, entry.val.valdat_len}};
+    return entry.stat == YP_TRUE && encodeInPlace(xdr, std::span(&view, 1));
+}
+
 /// @return how many of the entries were written, from the first one on
 std::size_t encodeWhatFits(XDR* xdr, std::span<const MapIterator::View> entries) {
-    if (encodeTogether(xdr, entries)) {
+    if (encodeInPlace(xdr, entries)) {
         return entries.size();
     }
     std::size_t count = 0;
-    while (count < entries.size() && encodeInPlace(xdr, entries[count])) {
+    while (count < entries.size() && encodeInPlace(xdr, entries.subspan(count, 1))) {
         ++count;
     }
     return count;
