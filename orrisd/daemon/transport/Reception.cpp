@@ -1,10 +1,8 @@
 #include "daemon/transport/Reception.h"
 
-#include "daemon/transport/Poller.h"
 #include "daemon/transport/ServiceLoop.h"
 
 #include <poll.h>
-#include <sys/epoll.h>
 
 namespace nis {
 
@@ -14,26 +12,48 @@ constexpr int MOMENT = 5; // milliseconds
 
 } // namespace
 
-Reception::Reception(ServiceLoop& loop, int listener, EventSource& source, std::atomic<int>& turns)
-    : m_loop(loop), m_listener(listener), m_source(source), m_turns(turns) {
-    m_turns.fetch_add(1);
+Reception::Reception(ServiceLoop& loop, Listener& listener) : m_loop(loop), m_listener(listener) {
+    m_listener.enter();
 }
 
 Reception::~Reception() {
-    m_turns.fetch_sub(1);
+    m_listener.leave();
     handBack();
 }
 
+void Reception::beginCall() {
+    if (!m_keeps) {
+        handBack();
+    } else if (m_mine) {
+        m_call = m_listener.beginCall();
+    }
+}
+
+void Reception::endCall() {
+    endKeeping();
+    takeAgain();
+}
+
+void Reception::endKeeping() {
+    if (m_call != 0) {
+        m_mine = m_listener.endCall(m_call);
+        m_keeps = m_mine;
+        m_call = 0;
+    }
+}
+
 void Reception::handBack() {
+    endKeeping();
     if (m_mine) {
         m_mine = false;
-        m_loop.poller().rearm(m_listener, EPOLLIN | EPOLLONESHOT, m_source);
+        m_listener.arm();
     }
 }
 
 void Reception::takeAgain() {
-    if (!m_mine && m_turns.load() == 1 && m_loop.isWatched()) {
-        m_mine = m_loop.poller().rearm(m_listener, EPOLLONESHOT, m_source);
+    if (!m_mine && m_listener.turns() == 1 && m_loop.isWatched()) {
+        m_mine = m_listener.disarm();
+        m_keeps = m_keeps || m_mine;
     }
 }
 
@@ -42,7 +62,7 @@ bool Reception::goesOn() const {
 }
 
 bool Reception::waitForClient() const {
-    pollfd listener{m_listener, POLLIN, 0};
+    pollfd listener{m_listener.socket(), POLLIN, 0};
     return goesOn() && poll(&listener, 1, MOMENT) > 0;
 }
 
@@ -50,7 +70,7 @@ bool Reception::waitForInput(int connection) {
     if (!m_loop.isWatched() || m_loop.stopping()) {
         return false;
     }
-    pollfd sockets[2] = {{connection, POLLIN, 0}, {m_listener, POLLIN, 0}};
+    pollfd sockets[2] = {{connection, POLLIN, 0}, {m_listener.socket(), POLLIN, 0}};
     if (m_mine && poll(sockets, 2, MOMENT) <= 0) {
         return false;
     }

@@ -184,18 +184,21 @@ bool TcpConnection::serveRecord(std::span<char> record, Worker& worker) {
     }
     m_halfRecord = false;
     if (m_reception != nullptr) {
-        m_reception->handBack(); // other clients do not wait for this call
+        m_reception->beginCall();
     }
     StreamCall call(m_transport.loop().program(), *this, worker);
     const CallTransport::Outcome outcome = call.serve(record);
     m_absence.reset();
+    if (m_reception != nullptr) {
+        m_reception->endCall();
+    }
     return outcome != CallTransport::Outcome::Garbage && !call.broken();
 }
 
 /// The reply is ready. To wake another thread for what its client does next would be in vain.
 void TcpConnection::beforeReply() {
     if (m_reception != nullptr && !m_absence) {
-        m_reception->takeAgain();
+        m_reception->endCall();
     }
 }
 

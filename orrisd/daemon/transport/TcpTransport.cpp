@@ -34,21 +34,26 @@ void require(bool success) {
     }
 }
 
-} // namespace
-
-TcpTransport::TcpTransport(ServiceLoop& loop, int socket)
-    : m_loop(loop), m_socket(socket), m_timer(loop.poller(), [this](Worker&) { sweep(); }) {
+/// Makes a bound socket listen.
+/// @return the socket
+int listening(int socket) {
     const int on = 1;
     // Accepted sockets inherit these.
     require(setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0);
     setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof SEND_BUFFER);
     require(fcntl(socket, F_SETFL, fcntl(socket, F_GETFL) | O_NONBLOCK) == 0);
     require(listen(socket, SOMAXCONN) == 0);
-    require(loop.poller().add(socket, ONE_SHOT, *this));
+    return socket;
 }
 
+} // namespace
+
+TcpTransport::TcpTransport(ServiceLoop& loop, int socket)
+    : m_loop(loop), m_timer(loop.poller(), [this](Worker&) { sweep(); }),
+      m_listener(loop.poller(), listening(socket), *this) {}
+
 TcpTransport::~TcpTransport() {
-    m_loop.poller().remove(m_socket);
+    m_listener.remove();
     tessa::Lock lock(m_mutex);
     m_connections.clear();
 }
@@ -59,7 +64,7 @@ std::size_t TcpTransport::connections() const {
 }
 
 void TcpTransport::onReady(Worker& worker) {
-    Reception reception(m_loop, m_socket, *this, m_turns);
+    Reception reception(m_loop, m_listener);
     for (int count = 0; count < CLIENTS_A_TURN; ++count) {
         if (!hasRoom()) {
             reception.leaveClosed(); // a closing connection or the timer arms the listener again
@@ -95,8 +100,8 @@ bool TcpTransport::hasRoom() {
 TcpConnection* TcpTransport::acceptOne() {
     sockaddr_in peer{};
     socklen_t size = sizeof peer;
-    const int socket =
-        accept4(m_socket, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    const int socket = accept4(m_listener.socket(), reinterpret_cast<sockaddr*>(&peer), &size,
+                               SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (socket >= 0) {
         return admit(socket, peer);
     }
@@ -128,10 +133,6 @@ TcpConnection* TcpTransport::admit(int socket, const sockaddr_in& peer) {
     m_idle.push_back(connection);
     m_timer.schedule(connection.lastActive + m_loop.limits().idle);
     return &connection;
-}
-
-void TcpTransport::armListener() {
-    m_loop.poller().rearm(m_socket, ONE_SHOT, *this);
 }
 
 void TcpTransport::evictLongestIdle() {
@@ -181,7 +182,7 @@ void TcpTransport::close(TcpConnection& connection) {
         m_paused = false;
     }
     if (resume) {
-        armListener();
+        m_listener.arm();
     }
 }
 
@@ -211,7 +212,7 @@ void TcpTransport::sweep() {
         m_paused = false;
     }
     if (resume) {
-        armListener();
+        m_listener.arm();
     }
 }
 
@@ -220,7 +221,7 @@ void TcpTransport::stopAccepting() {
         tessa::Lock lock(m_mutex);
         m_accepting = false;
     }
-    m_loop.poller().remove(m_socket);
+    m_listener.remove();
 }
 
 void TcpTransport::abortAll() {

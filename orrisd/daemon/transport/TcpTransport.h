@@ -2,13 +2,13 @@
 
 #include "daemon/transport/DeadlineTimer.h"
 #include "daemon/transport/EventSource.h"
+#include "daemon/transport/Listener.h"
 #include "daemon/transport/TcpConnection.h"
 
 #include <karst/Mutex.h>
 
 #include <boost/intrusive/list.hpp>
 
-#include <atomic>
 #include <cstddef>
 #include <list>
 
@@ -60,12 +60,10 @@ private:
     TcpConnection* acceptOne();
     void pause(int errorNumber);
     TcpConnection* admit(int socket, const sockaddr_in& peer);
-    void armListener();
     void evictLongestIdle() KARST_REQUIRES(m_mutex);
     void sweep();
 
     ServiceLoop& m_loop;
-    const int m_socket;
 
     mutable tessa::Mutex m_mutex;
     std::list<TcpConnection> m_connections KARST_GUARDED_BY(m_mutex);
@@ -75,8 +73,8 @@ private:
     Queue<&TcpConnection::halfRecordHook> m_halfRecord KARST_GUARDED_BY(m_mutex);
     bool m_paused KARST_GUARDED_BY(m_mutex) = false; ///< the listener waits for room
     bool m_accepting KARST_GUARDED_BY(m_mutex) = true;
-    std::atomic<int> m_turns{0}; ///< at the listener
     DeadlineTimer m_timer KARST_GUARDED_BY(m_mutex);
+    Listener m_listener;
 };
 
 } // namespace nis

@@ -579,6 +579,37 @@ TEST_F(ServiceLoop, a_long_call_of_a_new_connection_keeps_nobody_from_connecting
     EXPECT_EQ(held.receive(), accepted(1, 0));
 }
 
+TEST_F(ServiceLoop, a_long_call_after_short_ones_keeps_nobody_from_connecting) {
+    start(3);
+    // The thread that has served the clients before keeps the listener when it begins the long one.
+    for (std::uint32_t round = 1; round <= 20; ++round) {
+        gGate.open(false);
+        for (std::uint32_t i = 0; i < 20; ++i) {
+            ASSERT_EQ(tcpClient().exchange({.xid = i}), accepted(i, 0));
+        }
+        TcpClient held = tcpClient();
+        held.call({.xid = round, .procedure = HELD});
+        ASSERT_EQ(tcpClient().exchange({.xid = 7}), accepted(7, 0));
+        ASSERT_TRUE(test::eventually([] { return gGate.waiting() == 1; }));
+        ASSERT_EQ(tcpClient().exchange({.xid = 8}), accepted(8, 0));
+        gGate.open(true);
+        ASSERT_EQ(held.receive(), accepted(round, 0));
+    }
+}
+
+TEST_F(ServiceLoop, a_call_without_a_reply_after_short_ones_keeps_nobody_from_connecting) {
+    start();
+    for (std::uint32_t round = 1; round <= 20; ++round) {
+        for (std::uint32_t i = 0; i < 5; ++i) {
+            ASSERT_EQ(tcpClient().exchange({.xid = i}), accepted(i, 0));
+        }
+        TcpClient silent = tcpClient();
+        silent.call({.procedure = SILENT});
+        ASSERT_EQ(tcpClient().exchange({.xid = 7}), accepted(7, 0));
+        ASSERT_EQ(silent.exchange({.xid = round}), accepted(round, 0));
+    }
+}
+
 TEST_F(ServiceLoop, half_a_call_has_a_deadline) {
     limits.halfRecord = 100ms;
     start();
