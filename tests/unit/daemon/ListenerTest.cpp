@@ -32,7 +32,7 @@ protected:
         listener.emplace(poller, socket.descriptor(), clients);
         listener->enter();
     }
-    ~Listener() override { close(last); }
+    void TearDown() override { close(last); }
 
     void connect() { connected.emplace_back(socket.port()); }
     /// The turn has the listener, as after a client was reported.
