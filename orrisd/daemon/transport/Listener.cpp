@@ -50,10 +50,7 @@ Listener::Call Listener::beginCall() {
     // Two turns can believe that they have the socket, if the poller told one of a client just when
     // the other disarmed it. Then the earlier call ends as if it had taken long.
     m_call.store(call);
-    if (!m_watching) {
-        m_callAtLook = 0;
-        watch();
-    }
+    watch();
     return call;
 }
 
@@ -61,8 +58,8 @@ bool Listener::endCall(Call call) {
     return m_call.compare_exchange_strong(call, 0);
 }
 
+/// Unless a look is to come already.
 void Listener::watch() {
-    m_watching = true;
     m_watch.schedule(DeadlineTimer::Clock::now() + WATCH_INTERVAL);
 }
 
@@ -70,7 +67,6 @@ void Listener::watch() {
 void Listener::look() {
     tessa::Lock lock(m_mutex);
     m_watch.clear();
-    m_watching = false;
     Call call = m_call.load();
     if (call != 0 && call == m_callAtLook && m_call.compare_exchange_strong(call, 0)) {
         arm();

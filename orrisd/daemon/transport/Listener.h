@@ -68,7 +68,6 @@ private:
     tessa::Mutex m_mutex;
     Call m_lastCall KARST_GUARDED_BY(m_mutex) = 0;
     Call m_callAtLook KARST_GUARDED_BY(m_mutex) = 0;
-    bool m_watching KARST_GUARDED_BY(m_mutex) = false;
     DeadlineTimer m_watch KARST_GUARDED_BY(m_mutex);
 };
 
